@@ -1,0 +1,220 @@
+#include "SharedFiles/KTLocalPaths.h"
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <random>
+#include <vector>
+
+namespace {
+
+std::string envOr(const char* name, const std::string& fallback) {
+    const char* v = std::getenv(name);
+    return (v && *v) ? std::string(v) : fallback;
+}
+
+bool startsWith(const std::string& s, const std::string& prefix) {
+    return s.compare(0, prefix.size(), prefix) == 0;
+}
+
+std::string homeOfUser(const std::string& name) {
+    if (struct passwd* pw = getpwnam(name.c_str()); pw && pw->pw_dir) return pw->pw_dir;
+    return {};
+}
+
+}  // namespace
+
+std::string KTLocalPaths::systemRoot() {
+    std::string root = envOr("AMBREL_ROOT", "/");
+    while (root.size() > 1 && root.back() == '/') root.pop_back();
+    return root == "/" ? std::string() : root;
+}
+
+std::string KTLocalPaths::rootedPath(const std::string& absolute) { return systemRoot() + absolute; }
+
+std::string KTLocalPaths::userDirectory() {
+    std::string home = envOr("HOME", "");
+    // Under sudo HOME is root's; the folders that matter are those of the
+    // person who ran sudo.
+    if (getuid() == 0) {
+        const char* sudoUser = std::getenv("SUDO_USER");
+        if (sudoUser && *sudoUser && (home.empty() || home == homeOfUser("root"))) {
+            std::string h = homeOfUser(sudoUser);
+            if (!h.empty()) return h;
+        }
+    }
+    if (home.empty()) {
+        if (struct passwd* pw = getpwuid(getuid()); pw && pw->pw_dir) home = pw->pw_dir;
+    }
+    while (home.size() > 1 && home.back() == '/') home.pop_back();
+    return home;
+}
+
+std::string KTLocalPaths::username() {
+    if (getuid() == 0) {
+        if (const char* s = std::getenv("SUDO_USER"); s && *s) return s;
+    }
+    if (struct passwd* pw = getpwuid(getuid()); pw && pw->pw_name) return pw->pw_name;
+    return envOr("USER", "");
+}
+
+std::string KTLocalPaths::rootUserAdjusted(const std::string& result) {
+    std::string rest = result;
+    if (startsWith(rest, "/var/root")) rest = rest.substr(9);
+    // 16, not 17: the "t" of "root" stays at the head of what remains.
+    if (startsWith(rest, "/private/var/root")) rest = rest.substr(16);
+    std::string home = userDirectory();
+    if (rest.empty()) return home;
+    if (rest.front() != '/') rest = "/" + rest;
+    return home == "/" ? rest : home + rest;
+}
+
+std::string KTLocalPaths::pathForDirectory(Directory kind, bool userDomain) {
+    std::string base = userDomain ? userDirectory() : systemRoot();
+    std::string suffix;
+    switch (kind) {
+        case Directory::Applications: suffix = "/Applications"; break;
+        case Directory::AdminApplications: suffix = "/Applications/Utilities"; break;
+        case Directory::Documents: suffix = "/Documents"; break;
+        case Directory::Library: suffix = "/Library"; break;
+        case Directory::Caches: suffix = "/Library/Caches"; break;
+        case Directory::ApplicationSupport: suffix = "/Library/Application Support"; break;
+        case Directory::Movies: suffix = "/Movies"; break;
+        case Directory::Desktop: suffix = "/Desktop"; break;
+        case Directory::Documentation: suffix = "/Library/Documentation"; break;
+    }
+    return base + suffix;
+}
+
+std::string KTLocalPaths::applicationDirectory(bool u) { return pathForDirectory(Directory::Applications, u); }
+std::string KTLocalPaths::adminApplicationDirectory(bool u) { return pathForDirectory(Directory::AdminApplications, u); }
+std::string KTLocalPaths::documentDirectory(bool u) { return pathForDirectory(Directory::Documents, u); }
+std::string KTLocalPaths::libraryDirectory(bool u) { return pathForDirectory(Directory::Library, u); }
+std::string KTLocalPaths::prefsDirectory(bool u) { return libraryDirectory(u) + "/Preferences"; }
+std::string KTLocalPaths::cacheDirectory(bool u) { return pathForDirectory(Directory::Caches, u); }
+std::string KTLocalPaths::appSupportDirectory(bool u) { return pathForDirectory(Directory::ApplicationSupport, u); }
+std::string KTLocalPaths::logDirectory(bool u) { return libraryDirectory(u) + "/Logs"; }
+std::string KTLocalPaths::movieDirectory() { return pathForDirectory(Directory::Movies, true); }
+std::string KTLocalPaths::desktopDirectory() { return pathForDirectory(Directory::Desktop, true); }
+std::string KTLocalPaths::systemLibraryDirectory() { return systemRoot() + "/System/Library"; }
+std::string KTLocalPaths::localDocumentationDirectory() { return pathForDirectory(Directory::Documentation, false); }
+
+std::string KTLocalPaths::trashDirectory() {
+    // The freedesktop.org home trash, which desktop trash tools list and restore from.
+    std::string data = envOr("XDG_DATA_HOME", userDirectory() + "/.local/share");
+    return data + "/Trash/files";
+}
+
+std::string KTLocalPaths::tempDirectory() {
+    std::string t = envOr("TMPDIR", "/tmp");
+    if (t.empty() || t.back() != '/') t += '/';
+    return t;
+}
+
+std::string KTLocalPaths::darwinCacheDirectory() { return {}; }
+
+std::string KTLocalPaths::uuid() {
+    static thread_local std::mt19937_64 gen{std::random_device{}()};
+    std::uniform_int_distribution<unsigned> nibble(0, 15);
+    const char* hex = "0123456789ABCDEF";
+    std::string s;
+    for (int i = 0; i < 36; ++i) {
+        if (i == 8 || i == 13 || i == 18 || i == 23) {
+            s += '-';
+        } else if (i == 14) {
+            s += '4';
+        } else if (i == 19) {
+            s += hex[8 + (nibble(gen) & 3)];
+        } else {
+            s += hex[nibble(gen)];
+        }
+    }
+    return s;
+}
+
+std::string KTLocalPaths::randomString(int count) {
+    static const char alphabet[] = "abcdefghijklmnopqrstuvwxyz0123456789";
+    std::srand(static_cast<unsigned>(std::clock() * std::time(nullptr)));
+    std::string s;
+    for (int i = 0; i < count; ++i) s += alphabet[std::rand() % 36];
+    return s;
+}
+
+std::string KTLocalPaths::tempFile() { return tempDirectory() + uuid() + randomString(8); }
+
+std::optional<std::string> KTLocalPaths::ensureTrailingSlash(const std::optional<std::string>& p) {
+    if (!p) return std::nullopt;
+    if (p->empty() || p->back() == '/') return p;
+    return *p + "/";
+}
+
+std::optional<std::string> KTLocalPaths::stripTrailingSlash(const std::optional<std::string>& p) {
+    if (!p) return std::nullopt;
+    if (p->size() < 2 || p->back() != '/') return p;
+    return p->substr(0, p->size() - 1);
+}
+
+bool KTLocalPaths::isPathSystemDirectory(const std::string& input, bool exactMatch) {
+    if (input == "/") return true;
+    if (input.size() < 3) return false;
+    std::string path = input;
+    // The slash and the character before it: "/usr/" compares as "/us".
+    if (path.back() == '/') path.resize(path.size() - 2);
+
+    // The real system folders of this machine, whatever the system root.
+    static const char* const linuxSystem[] = {"/usr", "/bin", "/sbin", "/lib", "/lib64", "/etc",
+                                              "/var", "/boot", "/dev", "/proc", "/sys", "/run"};
+    for (const char* s : linuxSystem) {
+        if (path == s) return true;
+    }
+
+    std::vector<std::string> exact;
+    for (bool user : {true, false}) {
+        exact.push_back(applicationDirectory(user));
+        exact.push_back(adminApplicationDirectory(user));
+        exact.push_back(documentDirectory(user));
+        exact.push_back(libraryDirectory(user));
+        exact.push_back(prefsDirectory(user));
+        exact.push_back(cacheDirectory(user));
+        exact.push_back(appSupportDirectory(user));
+    }
+    exact.push_back(desktopDirectory());
+    exact.push_back(userDirectory());
+    exact.push_back(systemLibraryDirectory());
+    exact.push_back(localDocumentationDirectory());
+    for (const char* lit : {"/Users/Shared", "/usr", "/var", "/bin", "/sbin", "/System"})
+        exact.emplace_back(lit);
+    const std::string root = systemRoot();
+    if (!root.empty()) {
+        exact.push_back(root);
+        for (const char* lit : {"/Users/Shared", "/System"}) exact.push_back(root + lit);
+    }
+    for (const auto& e : exact) {
+        if (!e.empty() && path == e) return true;
+    }
+    if (exactMatch) return false;
+
+    if (startsWith(path, "/usr/") && !startsWith(path, "/usr/local/")) return true;
+    for (const char* prefix : {"/var/", "/bin/", "/sbin/", "/private/var/", "/System/", "/lib/",
+                               "/lib64/", "/etc/", "/boot/", "/dev/", "/proc/", "/sys/", "/run/"}) {
+        if (startsWith(path, prefix)) return true;
+    }
+    if (!root.empty() && startsWith(path, root + "/System/")) return true;
+    return false;
+}
+
+bool KTLocalPaths::isPathOnTimeMachineVolume(const std::string& path) {
+    if (!startsWith(path, "/Volumes/")) return false;
+    std::size_t start = 0;
+    while (start <= path.size()) {
+        std::size_t end = path.find('/', start);
+        if (end == std::string::npos) end = path.size();
+        if (path.compare(start, end - start, "Backups.backupdb") == 0 &&
+            end - start == std::string("Backups.backupdb").size())
+            return true;
+        start = end + 1;
+    }
+    return false;
+}

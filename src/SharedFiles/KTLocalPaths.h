@@ -1,0 +1,65 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+/// Where the standard folders of the user and of the machine lie, temporary
+/// names, and the guard that keeps every operation away from system folders.
+///
+/// On Linux the machine-wide ("local") folders live under the system root
+/// named by AMBREL_ROOT (default "/"), the user's under HOME, laid out as on
+/// macOS: ROOT/Library, ROOT/Applications, HOME/Library/Preferences, ...
+/// A lookup that has no folder on this platform answers "" (nothing).
+class KTLocalPaths {
+public:
+    enum class Directory {
+        Applications,
+        AdminApplications,
+        Documents,
+        Library,
+        Caches,
+        ApplicationSupport,
+        Movies,
+        Desktop,
+        Documentation,
+    };
+
+    /// The standard-folder lookup every folder operation goes through;
+    /// `userDomain` false means the machine-wide local domain.
+    static std::string pathForDirectory(Directory kind, bool userDomain);
+
+    static std::string applicationDirectory(bool userDomain);
+    static std::string adminApplicationDirectory(bool userDomain);
+    static std::string documentDirectory(bool userDomain);
+    static std::string libraryDirectory(bool userDomain);
+    static std::string prefsDirectory(bool userDomain);
+    static std::string cacheDirectory(bool userDomain);
+    static std::string appSupportDirectory(bool userDomain);
+    static std::string logDirectory(bool userDomain);
+    static std::string movieDirectory();
+    static std::string desktopDirectory();
+    static std::string systemLibraryDirectory();
+    static std::string localDocumentationDirectory();
+    static std::string userDirectory();
+    static std::string username();
+    static std::string trashDirectory();
+    static std::string tempDirectory();
+    static std::string darwinCacheDirectory();
+
+    /// The system root without a trailing slash: "" when AMBREL_ROOT is "/" or unset.
+    static std::string systemRoot();
+    /// The system root followed by `absolute` ("/Library" -> ROOT/Library).
+    static std::string rootedPath(const std::string& absolute);
+
+    /// The superuser's cut of a user-domain lookup, applied when the real user id is 0.
+    static std::string rootUserAdjusted(const std::string& searchResult);
+
+    static std::string uuid();
+    static std::string randomString(int count);
+    static std::string tempFile();
+    static std::optional<std::string> ensureTrailingSlash(const std::optional<std::string>& path);
+    static std::optional<std::string> stripTrailingSlash(const std::optional<std::string>& path);
+
+    static bool isPathSystemDirectory(const std::string& path, bool exactMatch = false);
+    static bool isPathOnTimeMachineVolume(const std::string& path);
+};

@@ -1,0 +1,417 @@
+#include "SharedFiles/KTLog.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+
+#include "SharedFiles/KTLocalPaths.h"
+#include "SharedFiles/KTMainThread.h"
+#include "SharedFiles/KTPlist.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::mutex gClassLock;        // creation of the singleton
+std::mutex gFinishLock;       // finishWriting from outside the writer
+KTLog* gShared = nullptr;
+std::atomic<std::uint64_t> gRestartThreshold{5000000};
+
+void printOut(const std::string& text) {
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    std::fflush(stdout);
+}
+
+std::string trimmed(std::string_view s) {
+    const char* ws = " \t\n\r\f\v";
+    std::size_t b = s.find_first_not_of(ws);
+    if (b == std::string_view::npos) return {};
+    std::size_t e = s.find_last_not_of(ws);
+    return std::string(s.substr(b, e - b + 1));
+}
+
+std::uint64_t characterCount(const std::string& s) {
+    std::uint64_t n = 0;
+    for (unsigned char c : s) n += (c & 0xC0) != 0x80;
+    return n;
+}
+
+void replaceAll(std::string& s, std::string_view from, std::string_view to) {
+    if (from.empty()) return;
+    std::size_t pos = 0;
+    while ((pos = s.find(from, pos)) != std::string::npos) {
+        s.replace(pos, from.size(), to);
+        pos += to.size();
+    }
+}
+
+std::string executablePath() {
+    std::error_code ec;
+    auto p = fs::read_symlink("/proc/self/exe", ec);
+    return ec ? std::string() : p.string();
+}
+
+void terminateHandler() {
+    std::string reason = "unknown reason";
+    if (auto e = std::current_exception()) {
+        try {
+            std::rethrow_exception(e);
+        } catch (const std::exception& ex) {
+            reason = ex.what();
+        } catch (...) {
+            reason = "a non-standard exception";
+        }
+    }
+    KTLog::appendLogAndPrint("Uncaught exception: %@", reason);
+    KTLog::finishWriting();
+    std::abort();
+}
+
+}  // namespace
+
+KTLog::KTLog() {
+    writer_ = std::thread([this] { writerLoop(); });
+    writerId_ = writer_.get_id();
+}
+
+KTLog::~KTLog() {
+    willTerminate();
+    {
+        std::lock_guard<std::mutex> l(queueLock_);
+        stopping_ = true;
+    }
+    queueChanged_.notify_all();
+    if (writer_.joinable()) writer_.join();
+}
+
+KTLog* KTLog::sharedController() {
+    std::lock_guard<std::mutex> l(gClassLock);
+    if (!gShared) {
+        // Kept for the life of the process: writers on other threads may
+        // still log while static destructors run.
+        gShared = new KTLog();
+        std::set_terminate(terminateHandler);
+        std::atexit([] { KTLog::willTerminate(); });
+    }
+    return gShared;
+}
+
+std::string KTLog::resolvedAppName() const {
+    std::lock_guard<std::mutex> l(stateLock_);
+    if (!appName_.empty()) return appName_;
+    std::string exe = fs::path(executablePath()).stem().string();
+    return exe;
+}
+
+std::string KTLog::appName() const { return resolvedAppName(); }
+
+void KTLog::setAppName(const std::string& name) {
+    std::lock_guard<std::mutex> l(stateLock_);
+    appName_ = name;
+}
+
+std::string KTLog::logFolder() { return KTLocalPaths::libraryDirectory(true) + "/Logs/Quellbrook"; }
+
+std::string KTLog::currentLogPath() {
+    std::string name = sharedController()->resolvedAppName();
+    // The superuser's current file lives in the machine's Library; the
+    // rotation still happens in the user's folder.
+    std::string folder = getuid() == 0
+                             ? KTLocalPaths::libraryDirectory(false) + "/Logs/Quellbrook"
+                             : logFolder();
+    return folder + "/" + name + ".1.log";
+}
+
+void KTLog::closeFile() {
+    std::lock_guard<std::mutex> l(stateLock_);
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+}
+
+void KTLog::createNewLog(const std::optional<std::string>& name, bool noPrinting) {
+    KTLog* log = sharedController();
+    log->noPrinting_ = noPrinting;
+    if (log->loggingDisabled_) return;
+    log->closeFile();
+
+    std::string globalPrefs = KTLocalPaths::prefsDirectory(true) + "/com.quellbrook.global.plist";
+    if (KTPlistPtr prefs = KTPlist::readFile(globalPrefs)) {
+        plist_t v = plist_dict_get_item(prefs.get(), "disable-logging");
+        bool disable = false;
+        if (auto s = KTPlist::stringForKey(prefs.get(), "disable-logging")) {
+            disable = *s == "1";
+        } else if (v && (plist_get_node_type(v) == PLIST_BOOLEAN ||
+                         plist_get_node_type(v) == PLIST_UINT ||
+                         plist_get_node_type(v) == PLIST_REAL)) {
+            disable = KTPlist::integerForKey(prefs.get(), "disable-logging").value_or(0) == 1;
+        }
+        if (disable) {
+            if (!noPrinting) printOut("Logging is disabled\n");
+            log->loggingDisabled_ = true;
+            return;
+        }
+    }
+
+    {
+        std::lock_guard<std::mutex> l(log->stateLock_);
+        if (name && log->appName_.empty()) log->appName_ = *name;
+        log->bytesWritten_ = 0;
+    }
+    if (log->resolvedAppName().empty()) log->setAppName("Unknown");
+    const std::string app = log->resolvedAppName();
+    const std::string current = currentLogPath();
+    const std::string folder = logFolder();
+
+    std::error_code ec;
+    if (!fs::is_directory(folder, ec)) {
+        fs::create_directories(folder, ec);
+        if (ec || !fs::is_directory(folder)) {
+            if (!noPrinting) printOut("Unable to create folder " + folder + ".\n");
+            return;
+        }
+    }
+    if (getuid() == 0) fs::create_directories(fs::path(current).parent_path(), ec);
+
+    if (fs::exists(current, ec)) {
+        auto numbered = [&](long n) { return folder + "/" + app + "." + std::to_string(n) + ".log"; };
+        fs::remove(numbered(5), ec);
+        for (long n = 4; n >= 1; --n) {
+            if (!fs::exists(numbered(n))) continue;
+            if (::rename(numbered(n).c_str(), numbered(n + 1).c_str()) != 0) {
+                if (!noPrinting)
+                    printOut("Unable to move file " + numbered(n) + " to " + numbered(n + 1) + ".\n");
+                return;
+            }
+        }
+    }
+
+    std::string error;
+    if (!KTPlist::writeFileAtomically(current, "", &error)) {
+        if (!noPrinting) printOut("Unable to create log file " + current + " - " + error + "\n");
+        return;
+    }
+    int fd = ::open(current.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    if (fd < 0) return;
+    {
+        std::lock_guard<std::mutex> l(log->stateLock_);
+        if (log->fd_ >= 0) ::close(log->fd_);
+        log->fd_ = fd;
+    }
+    log->writeHeader();
+}
+
+void KTLog::writeHeader() {
+    fastAppendLog("Log started: %@\n", dateDescription());
+    fastAppendLog("Version: %@\n", std::string(AMBREL_VERSION));
+    std::string exe = executablePath();
+    if (!exe.empty()) fastAppendLog("Path: %@\n", exe);
+    struct utsname u {};
+    std::string release = ::uname(&u) == 0 ? u.release : "unknown";
+    long cpus = sysconf(_SC_NPROCESSORS_ONLN);
+    double bytes = double(sysconf(_SC_PHYS_PAGES)) * double(sysconf(_SC_PAGESIZE));
+    appendLog("System: Linux %@, %li CPU(s), %0.2f GB RAM\n", release, cpus,
+              bytes / 1024.0 / 1024.0 / 1024.0);
+    fastAppendLog("Running in 64-bit mode\n");
+}
+
+std::string KTLog::escapeTextForLogging(std::string_view text) {
+    std::string s(text);
+    if (s.find('%') == std::string::npos) return s;
+    for (const char* c : {" ", ".", "!", ",", "-", ";", ":", "+"}) {
+        replaceAll(s, std::string("%") + c, std::string("%%") + c);
+    }
+    replaceAll(s, "%%%", "%%");
+    return s;
+}
+
+void KTLog::appendLogArgs(std::string_view format, std::vector<KTArg> args, bool mayWait) {
+    KTLog* log = sharedController();
+    if (log->loggingDisabled_) return;
+    std::string text = KTFormat::format(escapeTextForLogging(format), args);
+    log->appendTextToLog(text);
+    if (mayWait && !KTMainThread::shared().isMainThread()) {
+        std::uint64_t n = characterCount(text);
+        if (n >= 1 && n <= 99 && log->bytesInQueue_ <= 99) finishWriting();
+    }
+}
+
+void KTLog::appendLogAndPrintArgs(std::string_view format, std::vector<KTArg> args, bool print) {
+    KTLog* log = sharedController();
+    std::string text = trimmed(KTFormat::format(escapeTextForLogging(format), args));
+    appendLogArgs(text, {}, true);
+    if (!print || log->noPrinting_) return;
+    std::string printed = text;
+    replaceAll(printed, "%@", "");
+    replaceAll(printed, "%", "%%");
+    printed.erase(std::remove(printed.begin(), printed.end(), '\0'), printed.end());
+    printOut(printed + "\n");
+}
+
+void KTLog::appendTextToLog(const std::string& raw) {
+    std::string text = trimmed(raw);
+    if (text.empty()) return;
+    {
+        std::lock_guard<std::mutex> l(queueLock_);
+        bytesInQueue_ += characterCount(text);
+        queue_.push_back(std::move(text));
+    }
+    queueChanged_.notify_one();
+}
+
+void KTLog::writerLoop() {
+    std::unique_lock<std::mutex> l(queueLock_);
+    for (;;) {
+        queueChanged_.wait(l, [this] { return stopping_ || !queue_.empty(); });
+        if (queue_.empty() && stopping_) return;
+        std::string text = std::move(queue_.front());
+        queue_.pop_front();
+        writing_ = true;
+        l.unlock();
+        appendLogOnThread(text);
+        l.lock();
+        writing_ = false;
+        if (queue_.empty()) queueDrained_.notify_all();
+    }
+}
+
+void KTLog::drainQueued() {
+    // Runs on the writer itself (the restart): write what is queued now,
+    // without waiting for the entry being written at the moment.
+    for (;;) {
+        std::string text;
+        {
+            std::lock_guard<std::mutex> l(queueLock_);
+            if (queue_.empty()) return;
+            text = std::move(queue_.front());
+            queue_.pop_front();
+        }
+        appendLogOnThread(text);
+    }
+}
+
+void KTLog::appendLogOnThread(const std::string& text) {
+    try {
+        if (!loggingDisabled_) {
+            int fd;
+            {
+                std::lock_guard<std::mutex> l(stateLock_);
+                fd = fd_;
+            }
+            if (fd < 0) {
+                std::string path = currentLogPath();
+                fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+                if (fd < 0) {
+                    if (!noPrinting_) {
+                        printOut("Unable to log the following information: " + text + "\n");
+                        printOut("Unable to open log for output");
+                    }
+                } else {
+                    std::lock_guard<std::mutex> l(stateLock_);
+                    fd_ = fd;
+                }
+            }
+            if (fd >= 0) {
+                std::string line = dateDescription() + " - " + text + "\n";
+                std::size_t done = 0;
+                while (done < line.size()) {
+                    ssize_t n = ::write(fd, line.data() + done, line.size() - done);
+                    if (n < 0 && errno == EINTR) continue;
+                    if (n <= 0) throw std::runtime_error(std::strerror(errno));
+                    done += static_cast<std::size_t>(n);
+                }
+                bytesWritten_ += line.size();
+                if (bytesWritten_ >= gRestartThreshold.load()) {
+                    finishWriting();
+                    createNewLog(resolvedAppName());
+                    appendLog("Log truncated at 500KB");
+                }
+            }
+        }
+    } catch (const std::exception& e) {
+        if (!loggingDisabled_ && !noPrinting_)
+            printOut(std::string("Exception writing to log: ") + e.what() + "\n");
+    }
+    std::lock_guard<std::mutex> l(queueLock_);
+    std::uint64_t n = characterCount(text);
+    bytesInQueue_ = bytesInQueue_ >= n ? bytesInQueue_ - n : 0;
+}
+
+void KTLog::finishWriting() {
+    KTLog* log = sharedController();
+    if (std::this_thread::get_id() == log->writerId_) {
+        log->drainQueued();
+        return;
+    }
+    std::lock_guard<std::mutex> finish(gFinishLock);
+    std::unique_lock<std::mutex> l(log->queueLock_);
+    log->queueDrained_.wait(l, [log] { return log->queue_.empty() && !log->writing_; });
+}
+
+std::vector<std::string> KTLog::availableLogs() {
+    std::vector<std::string> out;
+    std::string app = sharedController()->resolvedAppName();
+    for (long n = 1; n <= 5; ++n) {
+        std::string p = logFolder() + "/" + app + "." + std::to_string(n) + ".log";
+        if (fs::exists(p)) out.push_back(p);
+    }
+    return out;
+}
+
+void KTLog::willTerminate() {
+    KTLog* log = sharedController();
+    std::size_t pending;
+    {
+        std::lock_guard<std::mutex> l(log->queueLock_);
+        pending = log->queue_.size();
+        if (pending >= 11) {
+            // Quitting is not held up by a long backlog.
+            log->queue_.clear();
+            log->bytesInQueue_ = 0;
+        }
+    }
+    if (pending < 11 && std::this_thread::get_id() != log->writerId_) finishWriting();
+    log->setAppName("");
+    log->closeFile();
+}
+
+void KTLog::resetForTesting() {
+    KTLog* log = sharedController();
+    finishWriting();
+    log->closeFile();
+    std::lock_guard<std::mutex> l(log->stateLock_);
+    log->appName_.clear();
+    log->loggingDisabled_ = false;
+    log->noPrinting_ = false;
+    log->bytesWritten_ = 0;
+}
+
+void KTLog::setRestartThresholdForTesting(std::uint64_t bytes) { gRestartThreshold = bytes; }
+
+std::string KTLog::dateDescription() {
+    std::time_t now = std::time(nullptr);
+    std::tm tm{};
+    gmtime_r(&now, &tm);
+    char buf[64];
+    std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S +0000", &tm);
+    return buf;
+}
+
+std::string KTException::logException(const std::exception& e, const char* method) {
+    return logException("std::exception", e.what(), method);
+}
+
+std::string KTException::logException(const std::string& name, const std::string& reason,
+                                      const char* method) {
+    std::string text = KTFormat::str("Exception in %s. %@ - %@.", method ? method : "", name, reason);
+    KTLog::appendLogAndPrint("%@", text);
+    return text;
+}

@@ -1,0 +1,119 @@
+#include "SharedFiles/KTPlist.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "SharedFiles/KTLocalPaths.h"
+
+KTPlistPtr KTPlist::fromMemory(const std::string& bytes) {
+    if (bytes.empty() || bytes.size() > 0xFFFFFFFFu) return nullptr;
+    plist_t p = nullptr;
+    plist_from_memory(bytes.data(), static_cast<uint32_t>(bytes.size()), &p);
+    return KTPlistPtr(p);
+}
+
+KTPlistPtr KTPlist::readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return nullptr;
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return fromMemory(ss.str());
+}
+
+std::string KTPlist::toXML(plist_t node) {
+    char* out = nullptr;
+    uint32_t len = 0;
+    plist_to_xml(node, &out, &len);
+    std::string s(out ? out : "", len);
+    if (out) plist_to_xml_free(out);
+    return s;
+}
+
+std::string KTPlist::toBinary(plist_t node) {
+    char* out = nullptr;
+    uint32_t len = 0;
+    plist_to_bin(node, &out, &len);
+    std::string s(out ? out : "", len);
+    if (out) plist_to_bin_free(out);
+    return s;
+}
+
+bool KTPlist::writeFileAtomically(const std::string& path, const std::string& bytes,
+                                  std::string* error) {
+    std::string tmp = path + ".tmp." + KTLocalPaths::randomString(8);
+    int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        if (error) *error = std::strerror(errno);
+        return false;
+    }
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+        ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            if (error) *error = std::strerror(errno);
+            ::close(fd);
+            ::unlink(tmp.c_str());
+            return false;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    if (::fsync(fd) != 0 || ::close(fd) != 0) {
+        if (error) *error = std::strerror(errno);
+        ::unlink(tmp.c_str());
+        return false;
+    }
+    if (::rename(tmp.c_str(), path.c_str()) != 0) {
+        if (error) *error = std::strerror(errno);
+        ::unlink(tmp.c_str());
+        return false;
+    }
+    return true;
+}
+
+std::optional<std::string> KTPlist::stringForKey(plist_t dict, const char* key) {
+    if (!dict || plist_get_node_type(dict) != PLIST_DICT) return std::nullopt;
+    plist_t v = plist_dict_get_item(dict, key);
+    if (!v || plist_get_node_type(v) != PLIST_STRING) return std::nullopt;
+    char* s = nullptr;
+    plist_get_string_val(v, &s);
+    std::string out(s ? s : "");
+    free(s);
+    return out;
+}
+
+std::optional<long long> KTPlist::integerForKey(plist_t dict, const char* key) {
+    if (!dict || plist_get_node_type(dict) != PLIST_DICT) return std::nullopt;
+    plist_t v = plist_dict_get_item(dict, key);
+    if (!v) return std::nullopt;
+    switch (plist_get_node_type(v)) {
+        case PLIST_UINT: {
+            uint64_t u = 0;
+            plist_get_uint_val(v, &u);
+            return static_cast<long long>(u);
+        }
+        case PLIST_REAL: {
+            double d = 0;
+            plist_get_real_val(v, &d);
+            return static_cast<long long>(d);
+        }
+        case PLIST_BOOLEAN: {
+            uint8_t b = 0;
+            plist_get_bool_val(v, &b);
+            return b ? 1 : 0;
+        }
+        default:
+            return std::nullopt;
+    }
+}
+
+std::optional<bool> KTPlist::boolForKey(plist_t dict, const char* key) {
+    auto i = integerForKey(dict, key);
+    if (!i) return std::nullopt;
+    return *i != 0;
+}
