@@ -34,6 +34,24 @@ std::string KTLocalPaths::systemRoot() {
 
 std::string KTLocalPaths::rootedPath(const std::string& absolute) { return systemRoot() + absolute; }
 
+std::string KTLocalPaths::logicalPath(const std::string& real) {
+    const std::string root = systemRoot();
+    if (root.empty()) return real;
+    if (real == root) return "/";
+    if (startsWith(real, root + "/")) return real.substr(root.size());
+    return real;
+}
+
+std::string KTLocalPaths::realPath(const std::string& logical) {
+    const std::string root = systemRoot();
+    if (root.empty()) return logical;
+    const std::string home = userDirectory();
+    if (!home.empty() && !startsWith(home, root + "/") &&
+        (logical == home || startsWith(logical, home + "/")))
+        return logical;
+    return logical == "/" ? root : root + logical;
+}
+
 std::string KTLocalPaths::userDirectory() {
     std::string home = envOr("HOME", "");
     // Under sudo HOME is root's; the folders that matter are those of the

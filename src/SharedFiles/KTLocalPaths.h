@@ -51,6 +51,14 @@ public:
     /// The system root followed by `absolute` ("/Library" -> ROOT/Library).
     static std::string rootedPath(const std::string& absolute);
 
+    /// A real path as the hosts would see it on a machine whose root is the
+    /// system root: ROOT/Library/X reads "/Library/X"; paths outside the root
+    /// (a home elsewhere) stay as they are. The disabled folder mirrors these.
+    static std::string logicalPath(const std::string& realPath);
+    /// The inverse of logicalPath: a path under the user's home stays, any
+    /// other is put under the system root.
+    static std::string realPath(const std::string& logicalPath);
+
     /// The superuser's cut of a user-domain lookup, applied when the real user id is 0.
     static std::string rootUserAdjusted(const std::string& searchResult);
 
