@@ -1,0 +1,26 @@
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+/// What a plug-in's bundle says about itself: the display name (localised,
+/// English first), the version, and the architecture labels of its
+/// executable. A path that is not a folder is no bundle and yields nothing.
+struct KTBundleInfo {
+    bool isBundle = false;
+    std::optional<std::string> name;     ///< display name, "${PRODUCT_NAME}" never
+    std::optional<std::string> version;  ///< short version string before the build version
+    std::vector<std::string> architectures;
+
+    static KTBundleInfo read(const std::string& bundlePath);
+
+    /// The bundle's Info.plist: Contents/Info.plist, or Info.plist at the top
+    /// of a bundle without Contents. Empty when there is none.
+    static std::string infoPlistPath(const std::string& bundlePath);
+
+    /// Parses a ".strings" file (old-style "key" = "value"; pairs in UTF-8 or
+    /// UTF-16 with a byte-order mark, or a property list).
+    static std::map<std::string, std::string> parseStrings(const std::string& bytes);
+};
