@@ -1,0 +1,31 @@
+#include "SharedFiles/KTWorkspace.h"
+
+#include <mutex>
+
+#include "SharedFiles/linux/KTLinuxWorkspace.h"
+
+namespace {
+
+std::mutex& sharedMutex() {
+    static std::mutex m;
+    return m;
+}
+
+std::shared_ptr<KTWorkspace>& sharedSlot() {
+    static std::shared_ptr<KTWorkspace> slot;
+    return slot;
+}
+
+}  // namespace
+
+KTWorkspace& KTWorkspace::shared() {
+    std::lock_guard<std::mutex> lock(sharedMutex());
+    auto& slot = sharedSlot();
+    if (!slot) slot = std::make_shared<KTLinuxWorkspace>();
+    return *slot;
+}
+
+void KTWorkspace::setShared(std::shared_ptr<KTWorkspace> workspace) {
+    std::lock_guard<std::mutex> lock(sharedMutex());
+    sharedSlot() = std::move(workspace);
+}
