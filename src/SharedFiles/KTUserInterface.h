@@ -40,6 +40,12 @@ public:
     virtual void startProgress() {}
     virtual void endProgress() {}
 
+    /// The catalogue is about to be cleared and rebuilt: the window empties
+    /// its count line and disables the filter; when the load ends it shows
+    /// the new tree, re-applies sorting and expanded groups.
+    virtual void catalogueReloadStarted() {}
+    virtual void catalogueReloadFinished() {}
+
     /// Set when the person pressed Cancel on the progress sheet.
     virtual bool cancelRequested() const { return false; }
 };
