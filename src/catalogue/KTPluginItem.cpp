@@ -1,0 +1,207 @@
+#include "catalogue/KTPluginItem.h"
+
+#include "catalogue/KTGroupItem.h"
+#include "catalogue/KTPluginLocations.h"
+
+namespace {
+
+std::mutex& inspectorMutex() {
+    static std::mutex m;
+    return m;
+}
+
+KTPluginItem::BundleInspector& inspectorSlot() {
+    static KTPluginItem::BundleInspector inspector;
+    return inspector;
+}
+
+KTComparisonResult compareNumbers(long long a, long long b) {
+    if (a == b) return KTComparisonResult::Same;
+    return a < b ? KTComparisonResult::Ascending : KTComparisonResult::Descending;
+}
+
+}  // namespace
+
+KTPluginItem::KTPluginItem() = default;
+
+KTPluginItem::KTPluginItem(const std::string& fileName, std::int64_t pluginType,
+                           std::int64_t pluginAccess, long long pluginEnabled) {
+    setFileName(fileName);
+    setPluginType(pluginType);
+    setPluginAccess(pluginAccess);
+    setPluginEnabled(pluginEnabled);
+    setItemSelection(0);
+    actualPath_ = pluginPath();
+    setLockStatus();
+
+    BundleInspector inspector;
+    {
+        std::lock_guard<std::mutex> lock(inspectorMutex());
+        inspector = inspectorSlot();
+    }
+    if (inspector) {
+        bundleProcessThread_ =
+            std::jthread([this, inspector](std::stop_token stop) { inspector(*this, stop); });
+    }
+}
+
+KTPluginItem::~KTPluginItem() {
+    if (bundleProcessThread_.joinable()) {
+        bundleProcessThread_.request_stop();
+        bundleProcessThread_.join();
+    }
+}
+
+void KTPluginItem::setBundleInspector(BundleInspector inspector) {
+    std::lock_guard<std::mutex> lock(inspectorMutex());
+    inspectorSlot() = std::move(inspector);
+}
+
+void KTPluginItem::waitForBundleInfo() {
+    if (bundleProcessThread_.joinable() &&
+        bundleProcessThread_.get_id() != std::this_thread::get_id())
+        bundleProcessThread_.join();
+}
+
+std::string KTPluginItem::shortName() const {
+    std::lock_guard<std::mutex> lock(detailsMutex_);
+    return shortName_;
+}
+
+void KTPluginItem::setShortName(const std::string& v) {
+    std::lock_guard<std::mutex> lock(detailsMutex_);
+    shortName_ = v;
+}
+
+std::string KTPluginItem::version() const {
+    std::lock_guard<std::mutex> lock(detailsMutex_);
+    return version_;
+}
+
+void KTPluginItem::setVersion(const std::string& v) {
+    std::lock_guard<std::mutex> lock(detailsMutex_);
+    version_ = v;
+}
+
+std::vector<std::string> KTPluginItem::architectures() const {
+    std::lock_guard<std::mutex> lock(detailsMutex_);
+    return architectures_;
+}
+
+void KTPluginItem::setArchitectures(const std::vector<std::string>& v) {
+    std::lock_guard<std::mutex> lock(detailsMutex_);
+    architectures_ = v;
+}
+
+void KTPluginItem::setFileName(const std::string& v) {
+    updateActualPath();
+    fileName_ = v;
+    updateActualPath();
+}
+
+void KTPluginItem::setSubdir(const std::optional<std::string>& v) {
+    updateActualPath();
+    subdir_ = v;
+    updateActualPath();
+}
+
+void KTPluginItem::setPluginEnabled(long long v) {
+    updateActualPath();
+    pluginEnabled_ = v;
+    updateActualPath();
+}
+
+void KTPluginItem::setPluginType(std::int64_t v) {
+    updateActualPath();
+    pluginType_ = v;
+    updateActualPath();
+}
+
+void KTPluginItem::setPluginAccess(std::int64_t v) {
+    updateActualPath();
+    pluginAccess_ = v;
+    updateActualPath();
+}
+
+void KTPluginItem::setItemSelection(long long v) {
+    updateActualPath();
+    itemSelection_ = v;
+    updateActualPath();
+}
+
+void KTPluginItem::setParent(const std::shared_ptr<KTGroupItem>& parent) {
+    updateActualPath();
+    KTItem::setParent(parent);
+    updateActualPath();
+}
+
+std::string KTPluginItem::pluginTypeDir() const {
+    return KTPluginLocations::pluginTypeDir(pluginEnabled_);
+}
+
+std::string KTPluginItem::pluginBasePath() const {
+    return KTPluginLocations::pluginBasePath(pluginType_, pluginAccess_);
+}
+
+std::string KTPluginItem::pluginRelativePath() const {
+    return KTPluginLocations::pluginRelativePath(pluginType_, pluginAccess_, subdir_, fileName_);
+}
+
+std::string KTPluginItem::pluginPath() const {
+    return KTPluginLocations::pluginPath(pluginType_, pluginAccess_, pluginEnabled_, subdir_,
+                                         fileName_);
+}
+
+std::string KTPluginItem::pluginTypeName() const {
+    return KTPluginLocations::pluginTypeName(pluginType_);
+}
+
+void KTPluginItem::updateActualPath() {
+    std::string path = pluginPath();
+    if (!actualPath_.empty() && !KTPluginLocations::fileExists(path)) return;
+    actualPath_ = std::move(path);
+}
+
+void KTPluginItem::setLockStatus() {
+    const bool managed = KTPluginLocations::fileExists(
+        KTPluginLocations::appendPathComponent(actualPath_, ".fxfactory.plist"));
+    if (managed) isLocked_ = true;
+    isDeletable_ = !managed;
+}
+
+KTComparisonResult KTPluginItem::nameCompare(const KTItem& other) const {
+    return caseInsensitiveCompare(shortName(), other.sortName());
+}
+
+KTComparisonResult KTPluginItem::versionCompare(const KTItem& other) const {
+    if (other.isGroup()) return KTComparisonResult::Ascending;
+    return caseInsensitiveCompare(version(), static_cast<const KTPluginItem&>(other).version());
+}
+
+KTComparisonResult KTPluginItem::statusCompare(const KTItem& other) const {
+    if (other.isGroup()) return KTComparisonResult::Ascending;
+    return compareNumbers(pluginEnabled_, static_cast<const KTPluginItem&>(other).pluginEnabled_);
+}
+
+KTComparisonResult KTPluginItem::typeCompare(const KTItem& other) const {
+    return caseInsensitiveCompare(pluginTypeName(), other.sortTypeName());
+}
+
+std::shared_ptr<KTPluginItem> KTPluginItem::copy() const {
+    auto item = std::make_shared<KTPluginItem>();
+    {
+        std::lock_guard<std::mutex> lock(detailsMutex_);
+        item->shortName_ = shortName_;
+        item->version_ = version_;
+        item->architectures_ = architectures_;
+    }
+    item->fileName_ = fileName_;
+    item->subdir_ = subdir_;
+    item->pluginEnabled_ = pluginEnabled_;
+    item->itemSelection_ = itemSelection_;
+    item->pluginType_ = pluginType_;
+    item->pluginAccess_ = pluginAccess_;
+    return item;
+}
+
+bool KTPluginItem::isNumeric(const std::string& text) { return KTPluginLocations::isNumeric(text); }
