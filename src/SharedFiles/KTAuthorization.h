@@ -89,14 +89,14 @@ public:
     std::int32_t authExecTask(const std::string& tool, const std::vector<std::string>& arguments,
                               bool async = true);
 
-    /// True when the process runs as root. Tests may pretend otherwise.
+    /// True when the process runs as root (real or effective user id 0).
     static bool runningAsRoot();
 
 private:
     explicit KTAuthorization(bool withGUI);
-    bool startHelper(const std::vector<std::string>& elevation, const std::string* password);
 
     mutable std::mutex lock_;
+    std::mutex startLock_;
     std::shared_ptr<KTPrivilegedHelper> authRef_;
     bool hasGUI_ = true;
     std::string userDirectory_;
