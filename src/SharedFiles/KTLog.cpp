@@ -25,6 +25,7 @@ std::mutex gClassLock;        // creation of the singleton
 std::mutex gFinishLock;       // finishWriting from outside the writer
 KTLog* gShared = nullptr;
 std::atomic<std::uint64_t> gRestartThreshold{5000000};
+std::atomic<int> gSuperuserOverride{-1};  // -1: ask the system
 
 void printOut(const std::string& text) {
     std::fwrite(text.data(), 1, text.size(), stdout);
@@ -71,7 +72,8 @@ void terminateHandler() {
             reason = "a non-standard exception";
         }
     }
-    KTLog::appendLogAndPrint("Uncaught exception: %@", reason);
+    // The reason must be on disk before the process goes.
+    KTLog::appendLogAndPrint("%@", reason);
     KTLog::finishWriting();
     std::abort();
 }
@@ -125,7 +127,7 @@ std::string KTLog::currentLogPath() {
     std::string name = sharedController()->resolvedAppName();
     // The superuser's current file lives in the machine's Library; the
     // rotation still happens in the user's folder.
-    std::string folder = getuid() == 0
+    std::string folder = isSuperuser()
                              ? KTLocalPaths::libraryDirectory(false) + "/Logs/Quellbrook"
                              : logFolder();
     return folder + "/" + name + ".1.log";
@@ -145,14 +147,29 @@ void KTLog::createNewLog(const std::optional<std::string>& name, bool noPrinting
 
     std::string globalPrefs = KTLocalPaths::prefsDirectory(true) + "/com.quellbrook.global.plist";
     if (KTPlistPtr prefs = KTPlist::readFile(globalPrefs)) {
-        plist_t v = plist_dict_get_item(prefs.get(), "disable-logging");
+        // The string "1" or a number equal to true; any other value keeps logging on.
         bool disable = false;
-        if (auto s = KTPlist::stringForKey(prefs.get(), "disable-logging")) {
-            disable = *s == "1";
-        } else if (v && (plist_get_node_type(v) == PLIST_BOOLEAN ||
-                         plist_get_node_type(v) == PLIST_UINT ||
-                         plist_get_node_type(v) == PLIST_REAL)) {
-            disable = KTPlist::integerForKey(prefs.get(), "disable-logging").value_or(0) == 1;
+        plist_t v = plist_get_node_type(prefs.get()) == PLIST_DICT
+                        ? plist_dict_get_item(prefs.get(), "disable-logging")
+                        : nullptr;
+        if (v) {
+            switch (plist_get_node_type(v)) {
+                case PLIST_STRING:
+                    disable = KTPlist::stringForKey(prefs.get(), "disable-logging") == "1";
+                    break;
+                case PLIST_BOOLEAN:
+                case PLIST_UINT:
+                    disable = KTPlist::integerForKey(prefs.get(), "disable-logging") == 1;
+                    break;
+                case PLIST_REAL: {
+                    double d = 0;
+                    plist_get_real_val(v, &d);
+                    disable = d == 1.0;
+                    break;
+                }
+                default:
+                    break;
+            }
         }
         if (disable) {
             if (!noPrinting) printOut("Logging is disabled\n");
@@ -179,7 +196,9 @@ void KTLog::createNewLog(const std::optional<std::string>& name, bool noPrinting
             return;
         }
     }
-    if (getuid() == 0) fs::create_directories(fs::path(current).parent_path(), ec);
+    // The superuser's current file sits in the machine's log folder, which a
+    // fresh system may not have yet.
+    if (isSuperuser()) fs::create_directories(fs::path(current).parent_path(), ec);
 
     if (fs::exists(current, ec)) {
         auto numbered = [&](long n) { return folder + "/" + app + "." + std::to_string(n) + ".log"; };
@@ -238,7 +257,9 @@ void KTLog::appendLogArgs(std::string_view format, std::vector<KTArg> args, bool
     if (log->loggingDisabled_) return;
     std::string text = KTFormat::format(escapeTextForLogging(format), args);
     log->appendTextToLog(text);
-    if (mayWait && !KTMainThread::shared().isMainThread()) {
+    // The writer has written its own entries in place already; waiting there
+    // would also pull other threads' entries in between (the restart's header).
+    if (mayWait && !log->onWriter() && !KTMainThread::shared().isMainThread()) {
         std::uint64_t n = characterCount(text);
         if (n >= 1 && n <= 99 && log->bytesInQueue_ <= 99) finishWriting();
     }
@@ -258,10 +279,16 @@ void KTLog::appendLogAndPrintArgs(std::string_view format, std::vector<KTArg> ar
 
 void KTLog::appendTextToLog(const std::string& raw) {
     std::string text = trimmed(raw);
-    if (text.empty()) return;
+    if (text.empty() || terminated_) return;
+    bytesInQueue_ += characterCount(text);
+    if (onWriter()) {
+        // The writer never queues for itself: what it logs (the restart's
+        // header and notice) is written now, in order, ahead of the queue.
+        appendLogOnThread(text);
+        return;
+    }
     {
         std::lock_guard<std::mutex> l(queueLock_);
-        bytesInQueue_ += characterCount(text);
         queue_.push_back(std::move(text));
     }
     queueChanged_.notify_one();
@@ -301,53 +328,62 @@ void KTLog::drainQueued() {
 void KTLog::appendLogOnThread(const std::string& text) {
     try {
         if (!loggingDisabled_) {
-            int fd;
+            bool needOpen;
             {
                 std::lock_guard<std::mutex> l(stateLock_);
-                fd = fd_;
+                needOpen = fd_ < 0;
             }
-            if (fd < 0) {
-                std::string path = currentLogPath();
-                fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-                if (fd < 0) {
-                    if (!noPrinting_) {
-                        printOut("Unable to log the following information: " + text + "\n");
-                        printOut("Unable to open log for output");
+            // Writing before any createNewLog opens the current file itself.
+            const std::string path = needOpen ? currentLogPath() : std::string();
+            bool written = false;
+            {
+                // The descriptor is used under the lock so that a new log
+                // started on another thread cannot close it mid-line.
+                std::lock_guard<std::mutex> l(stateLock_);
+                if (fd_ < 0 && !path.empty())
+                    fd_ = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+                if (fd_ >= 0) {
+                    std::string line = dateDescription() + " - " + text + "\n";
+                    std::size_t done = 0;
+                    while (done < line.size()) {
+                        ssize_t n = ::write(fd_, line.data() + done, line.size() - done);
+                        if (n < 0 && errno == EINTR) continue;
+                        if (n <= 0) throw std::runtime_error(std::strerror(errno));
+                        done += static_cast<std::size_t>(n);
                     }
-                } else {
-                    std::lock_guard<std::mutex> l(stateLock_);
-                    fd_ = fd;
+                    bytesWritten_ += line.size();
+                    written = true;
                 }
             }
-            if (fd >= 0) {
-                std::string line = dateDescription() + " - " + text + "\n";
-                std::size_t done = 0;
-                while (done < line.size()) {
-                    ssize_t n = ::write(fd, line.data() + done, line.size() - done);
-                    if (n < 0 && errno == EINTR) continue;
-                    if (n <= 0) throw std::runtime_error(std::strerror(errno));
-                    done += static_cast<std::size_t>(n);
+            if (!written) {
+                if (!noPrinting_) {
+                    printOut("Unable to log the following information: " + text + "\n");
+                    printOut("Unable to open log for output\n");
                 }
-                bytesWritten_ += line.size();
-                if (bytesWritten_ >= gRestartThreshold.load()) {
-                    finishWriting();
-                    createNewLog(resolvedAppName());
-                    appendLog("Log truncated at 500KB");
-                }
+            } else if (!restarting_ && bytesWritten_ >= gRestartThreshold.load()) {
+                // The entries queued so far still belong to the old file; the
+                // drain runs here on the writer, so it never waits for itself.
+                restarting_ = true;
+                finishWriting();
+                createNewLog(resolvedAppName());
+                appendLog("Log truncated at 500KB");
+                restarting_ = false;
             }
         }
     } catch (const std::exception& e) {
+        restarting_ = false;
         if (!loggingDisabled_ && !noPrinting_)
             printOut(std::string("Exception writing to log: ") + e.what() + "\n");
     }
-    std::lock_guard<std::mutex> l(queueLock_);
     std::uint64_t n = characterCount(text);
-    bytesInQueue_ = bytesInQueue_ >= n ? bytesInQueue_ - n : 0;
+    std::uint64_t cur = bytesInQueue_.load();
+    while (!bytesInQueue_.compare_exchange_weak(cur, cur >= n ? cur - n : 0)) {
+    }
 }
 
 void KTLog::finishWriting() {
     KTLog* log = sharedController();
-    if (std::this_thread::get_id() == log->writerId_) {
+    if (log->onWriter()) {
         log->drainQueued();
         return;
     }
@@ -371,14 +407,17 @@ void KTLog::willTerminate() {
     std::size_t pending;
     {
         std::lock_guard<std::mutex> l(log->queueLock_);
-        pending = log->queue_.size();
+        pending = log->queue_.size() + (log->writing_ ? 1 : 0);
         if (pending >= 11) {
-            // Quitting is not held up by a long backlog.
+            // Quitting is not held up by a long backlog: those entries are lost.
             log->queue_.clear();
             log->bytesInQueue_ = 0;
         }
     }
-    if (pending < 11 && std::this_thread::get_id() != log->writerId_) finishWriting();
+    if (pending < 11) finishWriting();
+    // Like a queue that is gone: later entries go nowhere.
+    log->terminated_ = true;
+    finishWriting();
     log->setAppName("");
     log->closeFile();
 }
@@ -391,7 +430,18 @@ void KTLog::resetForTesting() {
     log->appName_.clear();
     log->loggingDisabled_ = false;
     log->noPrinting_ = false;
+    log->terminated_ = false;
     log->bytesWritten_ = 0;
+    log->bytesInQueue_ = 0;
+}
+
+void KTLog::setSuperuserForTesting(std::optional<bool> superuser) {
+    gSuperuserOverride = superuser ? int(*superuser) : -1;
+}
+
+bool KTLog::isSuperuser() {
+    int o = gSuperuserOverride.load();
+    return o >= 0 ? o == 1 : getuid() == 0;
 }
 
 void KTLog::setRestartThresholdForTesting(std::uint64_t bytes) { gRestartThreshold = bytes; }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -67,10 +68,15 @@ public:
     std::uint64_t bytesWritten() const { return bytesWritten_; }
     void setBytesWritten(std::uint64_t v) { bytesWritten_ = v; }
     std::uint64_t bytesInQueue() const { return bytesInQueue_; }
+    void setBytesInQueue(std::uint64_t v) { bytesInQueue_ = v; }
 
-    /// Closes the file and forgets the name and the disabled state, so that a
-    /// test can start a log afresh in another scratch home.
+    /// Closes the file and forgets the name, the disabled and the terminated
+    /// state, so that a test can start a log afresh in another scratch home.
     static void resetForTesting();
+
+    /// Makes the log act as if the process ran (true) or did not run (false)
+    /// as the superuser; nothing restores the real user id.
+    static void setSuperuserForTesting(std::optional<bool> superuser);
 
     /// The threshold at which a file starts afresh; tests lower it.
     static void setRestartThresholdForTesting(std::uint64_t bytes);
@@ -87,17 +93,21 @@ private:
                                       bool print);
     void writerLoop();
     void drainQueued();
+    bool onWriter() const { return std::this_thread::get_id() == writerId_; }
+    static bool isSuperuser();
     void writeHeader();
     std::string resolvedAppName() const;
     void closeFile();
 
-    mutable std::mutex stateLock_;
+    mutable std::mutex stateLock_;  // appName_ and fd_; held while a line is written
     std::string appName_;
     int fd_ = -1;
-    std::uint64_t bytesWritten_ = 0;
-    std::uint64_t bytesInQueue_ = 0;
-    bool loggingDisabled_ = false;
-    bool noPrinting_ = false;
+    std::atomic<std::uint64_t> bytesWritten_{0};
+    std::atomic<std::uint64_t> bytesInQueue_{0};
+    std::atomic<bool> loggingDisabled_{false};
+    std::atomic<bool> noPrinting_{false};
+    std::atomic<bool> terminated_{false};  // after willTerminate nothing is queued any more
+    bool restarting_ = false;              // writer only
 
     std::mutex queueLock_;
     std::condition_variable queueChanged_;

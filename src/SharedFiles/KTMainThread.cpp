@@ -1,5 +1,6 @@
 #include "SharedFiles/KTMainThread.h"
 
+#include <chrono>
 #include <mutex>
 
 namespace {
@@ -32,3 +33,8 @@ void KTInlineMainThread::post(std::function<void()> work) {
 }
 
 bool KTInlineMainThread::isMainThread() const { return std::this_thread::get_id() == mainId_; }
+
+void KTMainThread::processPendingEvents(double maxWaitSeconds) {
+    if (maxWaitSeconds > 0)
+        std::this_thread::sleep_for(std::chrono::duration<double>(maxWaitSeconds));
+}

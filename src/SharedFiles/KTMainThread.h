@@ -22,6 +22,12 @@ public:
     /// True on the thread that counts as the main thread.
     virtual bool isMainThread() const = 0;
 
+    /// Called on the main thread while it waits for something: handles at
+    /// most one pending interface event, waiting for one at most
+    /// `maxWaitSeconds`, so the window stays live. Without an interface it
+    /// only waits.
+    virtual void processPendingEvents(double maxWaitSeconds);
+
     static KTMainThread& shared();
     /// Installs the process's dispatcher; the previous one is dropped.
     static void setShared(std::shared_ptr<KTMainThread> dispatcher);

@@ -1,0 +1,79 @@
+#include "SharedFiles/KTFileManager.h"
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <thread>
+
+#include "SharedFiles/KTAuthorization.h"
+#include "SharedFiles/KTLog.h"
+#include "SharedFiles/KTMainThread.h"
+#include "SharedFiles/KTTrash.h"
+
+namespace {
+
+/// A file system that keeps no such flags (tmpfs of old kernels, FAT, network
+/// mounts) answers one of these; its files are never locked.
+bool noFlagsHere(int err) {
+    return err == ENOTTY || err == EOPNOTSUPP || err == EINVAL || err == ENOSYS;
+}
+
+}  // namespace
+
+bool KTFileManager::fileExistsAtPath(const std::string& path) {
+    struct stat st {};
+    return !path.empty() && ::lstat(path.c_str(), &st) == 0;
+}
+
+bool KTFileManager::unlockFile(const std::string& path) {
+    auto fail = [&](int err) {
+        KTLog::fastAppendLog("Unable to unlock file %@: %@", path, std::strerror(err));
+        return false;
+    };
+    // O_NOFOLLOW: a link carries no flags of its own, and its target is not ours to unlock.
+    int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) return errno == ELOOP ? true : fail(errno);
+    int flags = 0;
+    bool ok = true;
+    int err = 0;
+    if (::ioctl(fd, FS_IOC_GETFLAGS, &flags) != 0) {
+        err = errno;
+        ok = noFlagsHere(err);
+    } else if (flags & FS_IMMUTABLE_FL) {
+        flags &= ~FS_IMMUTABLE_FL;
+        if (::ioctl(fd, FS_IOC_SETFLAGS, &flags) != 0) {
+            err = errno;
+            ok = false;
+        }
+    }
+    ::close(fd);
+    return ok ? true : fail(err);
+}
+
+bool KTFileManager::trashFile(const std::string& path, bool shouldAuth) {
+    unlockFile(path);
+    if (!fileExistsAtPath(path)) return true;
+    std::string error;
+    if (KTTrash::shared().trashItem(path, nullptr, &error)) return true;
+    KTLog::fastAppendLog("Unable to move %@ to the Trash: %@", path, error);
+    if (!shouldAuth) return false;
+    return KTAuthorization::sharedController()->authTrashFile(path);
+}
+
+bool KTFileManager::trashFile(const std::string& path, std::chrono::duration<double> timeout) {
+    if (!trashFile(path)) return false;
+    const auto start = std::chrono::steady_clock::now();
+    while (fileExistsAtPath(path) && std::chrono::steady_clock::now() - start < timeout) {
+        KTMainThread& main = KTMainThread::shared();
+        if (main.isMainThread())
+            main.processPendingEvents(0.01);
+        else
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    }
+    return !fileExistsAtPath(path);
+}
