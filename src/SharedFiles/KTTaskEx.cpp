@@ -356,7 +356,8 @@ void KTTaskEx::setupTimeout(int seconds, std::shared_ptr<Watchdog> watchdog) {
 
 void KTTaskEx::timeout() {
     KTTaskHandle task = theTask();
-    if (task && task->isRunning()) {
+    // A tool handed out but not yet started is stopped as soon as it starts.
+    if (task && (task->isRunning() || !task->launched())) {
         KTLog::appendLogAndPrint("Task %@ timed out. Terminating...", task->launchPath());
         task->terminate();
     }
