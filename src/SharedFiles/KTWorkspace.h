@@ -9,7 +9,7 @@
 /// so callers refresh once per catalogue load or folder-table build and then
 /// ask as often as they like without touching the disk again.
 class KTWorkspace {
-public:
+  public:
     virtual ~KTWorkspace() = default;
 
     /// The full path of an application whose bundle identifier is exactly

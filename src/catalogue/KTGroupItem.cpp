@@ -130,7 +130,9 @@ void KTGroupItem::renameChildSubdirs(const std::string& newSubdir) {
     }
 }
 
-std::size_t KTGroupItem::totalChildCount() const { return allPluginChildren().size(); }
+std::size_t KTGroupItem::totalChildCount() const {
+    return allPluginChildren().size();
+}
 
 std::size_t KTGroupItem::totalEnabledChildCount() const {
     std::size_t n = 0;

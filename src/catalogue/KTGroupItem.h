@@ -17,7 +17,7 @@ class KTPluginItem;
 /// shares it (the same list, not a duplicate). Groups must be owned by a
 /// std::shared_ptr before `addChild` is called (std::make_shared<KTGroupItem>()).
 class KTGroupItem : public KTItem {
-public:
+  public:
     /// `init`: an empty children list.
     KTGroupItem();
 
@@ -87,7 +87,7 @@ public:
     /// something or whose title contains it. The source is untouched.
     std::shared_ptr<KTGroupItem> groupWithFilteredChildren(const std::string& text) const;
 
-private:
+  private:
     std::string title_;
     std::optional<std::string> groupPath_;
     std::optional<std::string> subdir_;

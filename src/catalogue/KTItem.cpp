@@ -20,10 +20,14 @@ std::shared_ptr<KTGroupItem> KTItem::absoluteParent() const {
 
 KTComparisonResult KTItem::compare(const KTItem& other, KTSortKey key) const {
     switch (key) {
-        case KTSortKey::Name: return nameCompare(other);
-        case KTSortKey::Version: return versionCompare(other);
-        case KTSortKey::Status: return statusCompare(other);
-        case KTSortKey::Type: return typeCompare(other);
+        case KTSortKey::Name:
+            return nameCompare(other);
+        case KTSortKey::Version:
+            return versionCompare(other);
+        case KTSortKey::Status:
+            return statusCompare(other);
+        case KTSortKey::Type:
+            return typeCompare(other);
     }
     return KTComparisonResult::Same;
 }
@@ -42,7 +46,8 @@ KTComparisonResult KTItem::caseInsensitiveCompare(const std::string& a, const st
     for (std::size_t i = 0; i < n; ++i) {
         int ca = std::tolower(static_cast<unsigned char>(a[i]));
         int cb = std::tolower(static_cast<unsigned char>(b[i]));
-        if (ca != cb) return ca < cb ? KTComparisonResult::Ascending : KTComparisonResult::Descending;
+        if (ca != cb)
+            return ca < cb ? KTComparisonResult::Ascending : KTComparisonResult::Descending;
     }
     if (a.size() == b.size()) return KTComparisonResult::Same;
     return a.size() < b.size() ? KTComparisonResult::Ascending : KTComparisonResult::Descending;

@@ -23,7 +23,7 @@ enum class KTSortKey { Name, Version, Status, Type };
 /// itself to its children as their parent); the parent link is weak, so a
 /// child never keeps its group alive and never points at a freed one.
 class KTItem : public std::enable_shared_from_this<KTItem> {
-public:
+  public:
     virtual ~KTItem() = default;
     KTItem(const KTItem&) = delete;
     KTItem& operator=(const KTItem&) = delete;
@@ -62,7 +62,7 @@ public:
     /// True when `text` holds `part`, ignoring case.
     static bool containsIgnoringCase(const std::string& text, const std::string& part);
 
-protected:
+  protected:
     KTItem() = default;
     std::weak_ptr<KTGroupItem> parent_;
 };

@@ -1,10 +1,10 @@
 #include "catalogue/KTItemArchive.h"
 
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <map>
 #include <set>
-#include <cstdlib>
 
 #include "SharedFiles/KTPlist.h"
 #include "catalogue/KTGroupItem.h"
@@ -18,17 +18,21 @@ const char* const kNSMutableArray = "NSMutableArray";
 
 /// Builds "$objects" in the archiver's order.
 class Encoder {
-public:
-    Encoder() : objects_(plist_new_array()) { plist_array_append_item(objects_, plist_new_string("$null")); }
+  public:
+    Encoder() : objects_(plist_new_array()) {
+        plist_array_append_item(objects_, plist_new_string("$null"));
+    }
     ~Encoder() {
         if (objects_) plist_free(objects_);
     }
 
     UID encodeItemList(const KTItemList& items, const void* identity) {
-        if (auto it = byIdentity_.find(identity); identity && it != byIdentity_.end()) return it->second;
+        if (auto it = byIdentity_.find(identity); identity && it != byIdentity_.end())
+            return it->second;
         UID uid = reserve(identity);
         plist_t list = plist_new_array();
-        for (const KTItemPtr& item : items) plist_array_append_item(list, plist_new_uid(encodeItem(item)));
+        for (const KTItemPtr& item : items)
+            plist_array_append_item(list, plist_new_uid(encodeItem(item)));
         finish(uid, arrayDict(list));
         return uid;
     }
@@ -84,7 +88,7 @@ public:
         return KTPlist::toBinary(archive);
     }
 
-private:
+  private:
     UID append(plist_t node) {
         plist_array_append_item(objects_, node);
         return plist_array_get_size(objects_) - 1;
@@ -123,7 +127,8 @@ private:
     UID encodeStringList(const std::vector<std::string>& strings) {
         UID uid = reserve(nullptr);
         plist_t list = plist_new_array();
-        for (const std::string& s : strings) plist_array_append_item(list, plist_new_uid(encodeString(s)));
+        for (const std::string& s : strings)
+            plist_array_append_item(list, plist_new_uid(encodeString(s)));
         finish(uid, arrayDict(list));
         return uid;
     }
@@ -151,7 +156,7 @@ private:
 /// drop, files), so every reference is checked and cycles through children
 /// lists are cut.
 class Decoder {
-public:
+  public:
     explicit Decoder(plist_t objects) : objects_(objects) {}
 
     plist_t object(UID uid) const {
@@ -210,7 +215,8 @@ public:
                 if (!(d > -9.2e18 && d < 9.2e18)) return std::nullopt;
                 return static_cast<long long>(d);
             }
-            default: return std::nullopt;
+            default:
+                return std::nullopt;
         }
     }
 
@@ -253,7 +259,9 @@ public:
         plist_t node = object(uid);
         if (!isDict(node) || inProgress_.size() > kMaxDepth) return nullptr;
         const std::string name = className(node);
-        auto field = [&](int i) { return plist_dict_get_item(node, ("$" + std::to_string(i)).c_str()); };
+        auto field = [&](int i) {
+            return plist_dict_get_item(node, ("$" + std::to_string(i)).c_str());
+        };
         auto ref = [&](int i) { return uidOf(field(i)); };
 
         if (name == "KTPluginItem") {
@@ -288,7 +296,7 @@ public:
         return nullptr;
     }
 
-private:
+  private:
     static constexpr std::size_t kMaxDepth = 256;
     plist_t objects_;
     std::map<UID, KTItemPtr> items_;
@@ -329,7 +337,8 @@ std::optional<KTItemList> KTItemArchive::unarchiveObjectWithData(const std::stri
     return std::nullopt;
 }
 
-bool KTItemArchive::writeToFile(const KTItemList& items, const std::string& path, std::string* error) {
+bool KTItemArchive::writeToFile(const KTItemList& items, const std::string& path,
+                                std::string* error) {
     return KTPlist::writeFileAtomically(path, archivedDataWithRootObject(items), error);
 }
 

@@ -18,7 +18,7 @@
 /// once and shared by UID. Each object takes its UID when first reached and
 /// its class dictionary is added after its contents, as the archiver does.
 class KTItemArchive {
-public:
+  public:
     /// An archive whose root is the list (an NSMutableArray of items).
     static std::string archivedDataWithRootObject(const KTItemList& items);
     /// An archive whose root is one item.

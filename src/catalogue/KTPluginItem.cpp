@@ -204,4 +204,6 @@ std::shared_ptr<KTPluginItem> KTPluginItem::copy() const {
     return item;
 }
 
-bool KTPluginItem::isNumeric(const std::string& text) { return KTPluginLocations::isNumeric(text); }
+bool KTPluginItem::isNumeric(const std::string& text) {
+    return KTPluginLocations::isNumeric(text);
+}

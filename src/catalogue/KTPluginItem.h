@@ -23,7 +23,7 @@
 /// `shortName`, `version` and `architectures` may be written by the item's
 /// inspection thread while the tree's thread reads them; they are guarded.
 class KTPluginItem : public KTItem {
-public:
+  public:
     /// The plain initialiser: empty fields, nothing computed, no thread.
     KTPluginItem();
     /// `initWithFilename:pluginType:pluginAccess:pluginEnabled:`: sets the four
@@ -99,7 +99,7 @@ public:
     /// Waits until the item's inspection thread (if any) has finished.
     void waitForBundleInfo();
 
-private:
+  private:
     mutable std::mutex detailsMutex_;  // shortName_, version_, architectures_
     std::string shortName_;
     std::string fileName_;

@@ -46,20 +46,34 @@ std::vector<std::string> listFolder(const std::string& folder) {
 
 std::string KTPluginLocations::pluginTypeName(std::int64_t type) {
     switch (type) {
-        case 0: return "FxPlug";
-        case 1: return "FxScript";
-        case 2: return "Audio Unit";
-        case 3: return "Avid AVX";
-        case 4: return "Adobe Plugin";
-        case 5: return "Avid AVX2";
-        case 6: return "Avid RTAS";
-        case 7: return "VST";
-        case 8: return "Motion Template";
-        case 9: return "OpenFX Plugin";
-        case 10: return "Quartz Composer Plugin";
-        case 11: return "VST2";
-        case 12: return "VST3";
-        default: return "Unknown";
+        case 0:
+            return "FxPlug";
+        case 1:
+            return "FxScript";
+        case 2:
+            return "Audio Unit";
+        case 3:
+            return "Avid AVX";
+        case 4:
+            return "Adobe Plugin";
+        case 5:
+            return "Avid AVX2";
+        case 6:
+            return "Avid RTAS";
+        case 7:
+            return "VST";
+        case 8:
+            return "Motion Template";
+        case 9:
+            return "OpenFX Plugin";
+        case 10:
+            return "Quartz Composer Plugin";
+        case 11:
+            return "VST2";
+        case 12:
+            return "VST3";
+        default:
+            return "Unknown";
     }
 }
 
@@ -98,27 +112,41 @@ std::string KTPluginLocations::pluginBasePath(std::int64_t type, std::int64_t ac
     const std::string root = scopeRoot(access);
     const bool user = access != 0;
     switch (type) {
-        case 0: return rootPlus(root, "Library/Plug-Ins/FxPlug");
+        case 0:
+            return rootPlus(root, "Library/Plug-Ins/FxPlug");
         case 1:
-            return rootPlus(root, user ? "Library/Preferences/Final Cut Pro User Data/Plugins"
-                                       : "Library/Application Support/Final Cut Pro System Support/Plugins");
-        case 2: return rootPlus(root, "Library/Audio/Plug-Ins/Components");
+            return rootPlus(
+                root, user ? "Library/Preferences/Final Cut Pro User Data/Plugins"
+                           : "Library/Application Support/Final Cut Pro System Support/Plugins");
+        case 2:
+            return rootPlus(root, "Library/Audio/Plug-Ins/Components");
         case 3:
-            return rootPlus(root, KTWorkspace::shared().knowsApplication("com.avid.Symphony")
-                                      ? "/Applications/Avid Symphony/SupportingFiles/AVX_Plug-Ins"
-                                      : "/Applications/Avid Media Composer/SupportingFiles/AVX_Plug-Ins");
-        case 4: return rootPlus(root, adobeFolder(false));
-        case 5: return rootPlus(root, "/Library/Application Support/Avid/AVX2_Plug-ins");
-        case 6: return rootPlus(root, "/Library/Application Support/Digidesign/Plug-Ins");
-        case 7: return rootPlus(root, "/Library/Audio/Plug-Ins/VST");
+            return rootPlus(root,
+                            KTWorkspace::shared().knowsApplication("com.avid.Symphony")
+                                ? "/Applications/Avid Symphony/SupportingFiles/AVX_Plug-Ins"
+                                : "/Applications/Avid Media Composer/SupportingFiles/AVX_Plug-Ins");
+        case 4:
+            return rootPlus(root, adobeFolder(false));
+        case 5:
+            return rootPlus(root, "/Library/Application Support/Avid/AVX2_Plug-ins");
+        case 6:
+            return rootPlus(root, "/Library/Application Support/Digidesign/Plug-Ins");
+        case 7:
+            return rootPlus(root, "/Library/Audio/Plug-Ins/VST");
         case 8:
             return user ? rootPlus(root, "/Movies/Motion Templates.localized")
-                        : KTLocalPaths::appSupportDirectory(false) + "/Final Cut Pro/Templates.localized";
-        case 9: return rootPlus(root, "/Library/OpenFX/Plugins");
-        case 10: return KTLocalPaths::libraryDirectory(user) + "/Graphics/Quartz Composer Plug-Ins";
-        case 11: return rootPlus(root, "/Library/Audio/Plug-Ins/VST2");
-        case 12: return rootPlus(root, "/Library/Audio/Plug-Ins/VST3");
-        default: return "";
+                        : KTLocalPaths::appSupportDirectory(false) +
+                              "/Final Cut Pro/Templates.localized";
+        case 9:
+            return rootPlus(root, "/Library/OpenFX/Plugins");
+        case 10:
+            return KTLocalPaths::libraryDirectory(user) + "/Graphics/Quartz Composer Plug-Ins";
+        case 11:
+            return rootPlus(root, "/Library/Audio/Plug-Ins/VST2");
+        case 12:
+            return rootPlus(root, "/Library/Audio/Plug-Ins/VST3");
+        default:
+            return "";
     }
 }
 
@@ -165,7 +193,8 @@ KTPluginFolderDict KTPluginLocations::pluginFolderDict() {
     const std::string supportLocal = KTLocalPaths::appSupportDirectory(false);
     const std::string prefsUser = KTLocalPaths::prefsDirectory(true);
     const std::string appsLocal = KTLocalPaths::applicationDirectory(false);
-    const std::string fcp = workspace.knowsApplication("com.apple.FinalCutExpress") ? "Express" : "Pro";
+    const std::string fcp =
+        workspace.knowsApplication("com.apple.FinalCutExpress") ? "Express" : "Pro";
     const std::string avid = workspace.knowsApplication("com.avid.symphony")
                                  ? "/Avid Symphony/SupportingFiles/AVX_Plug-Ins/"
                                  : "/Avid Media Composer/SupportingFiles/AVX_Plug-Ins/";
@@ -207,21 +236,37 @@ std::optional<std::string> KTPluginLocations::folderForKey(const KTPluginFolderD
 }
 
 std::vector<std::string> KTPluginLocations::folderKeys() {
-    return {"localFxPlug", "userFxPlug", "localFxScript", "userFxScript", "localAU",
-            "userAU", "avidAVX", "avidAVX2", "avidRTAS", "adobeCommon", "localVST",
-            "userVST", "localVST2", "userVST2", "localVST3", "userVST3",
-            "localMotionTemplate", "userMotionTemplate", "localOFX", "localQuartz",
+    return {"localFxPlug",
+            "userFxPlug",
+            "localFxScript",
+            "userFxScript",
+            "localAU",
+            "userAU",
+            "avidAVX",
+            "avidAVX2",
+            "avidRTAS",
+            "adobeCommon",
+            "localVST",
+            "userVST",
+            "localVST2",
+            "userVST2",
+            "localVST3",
+            "userVST3",
+            "localMotionTemplate",
+            "userMotionTemplate",
+            "localOFX",
+            "localQuartz",
             "userQuartz"};
 }
 
-std::optional<std::string> KTPluginLocations::pathForPlugin(const std::string& fileName,
-                                                            const std::optional<std::string>& subdir) {
+std::optional<std::string> KTPluginLocations::pathForPlugin(
+    const std::string& fileName, const std::optional<std::string>& subdir) {
     return pathForPlugin(pluginFolderDict(), fileName, subdir);
 }
 
-std::optional<std::string> KTPluginLocations::pathForPlugin(const KTPluginFolderDict& dict,
-                                                            const std::string& fileName,
-                                                            const std::optional<std::string>& subdir) {
+std::optional<std::string> KTPluginLocations::pathForPlugin(
+    const KTPluginFolderDict& dict, const std::string& fileName,
+    const std::optional<std::string>& subdir) {
     for (const auto& entry : dict) {
         std::string path = entry.second;
         if (subdir) path = appendPathComponent(path, *subdir);
@@ -233,8 +278,8 @@ std::optional<std::string> KTPluginLocations::pathForPlugin(const KTPluginFolder
 
 const std::vector<std::string>& KTPluginLocations::pluginExtensions() {
     static const std::vector<std::string> extensions = {
-        "fxplug", "fcfcc", "component", "plugin", "bundle", "vst", "vst3", "avx",
-        "dpm",    "ofx",   "moti",      "motn",   "moef",   "motr"};
+        "fxplug", "fcfcc", "component", "plugin", "bundle", "vst",  "vst3",
+        "avx",    "dpm",   "ofx",       "moti",   "motn",   "moef", "motr"};
     return extensions;
 }
 

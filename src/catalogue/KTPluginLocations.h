@@ -48,7 +48,7 @@ using KTPluginFolderDict = std::vector<std::pair<std::string, std::string>>;
 /// logical path, without the system root), so that with the root at "/" the
 /// layout is exactly that of a Mac.
 class KTPluginLocations {
-public:
+  public:
     /// "FxPlug", "Audio Unit", ...; "Unknown" for any other code.
     static std::string pluginTypeName(std::int64_t pluginType);
 

@@ -65,7 +65,8 @@ using FolderScan = std::vector<std::string> (*)(const std::string&);
 std::vector<std::string> collect(FolderScan scan) {
     std::vector<std::string> versions;
     if (auto home = premiereHomeFolder()) versions = scan(*home);
-    for (const std::string& v : scan(KTLocalPaths::applicationDirectory(false))) addOnce(versions, v);
+    for (const std::string& v : scan(KTLocalPaths::applicationDirectory(false)))
+        addOnce(versions, v);
     return versions;
 }
 
@@ -84,12 +85,15 @@ std::string KTPremiere::productVersionFromXManConfig(const std::string& path) {
     }
 }
 
-std::vector<std::string> KTPremiere::premiereVersions() { return versionsForAppName(kPremierePrefix); }
+std::vector<std::string> KTPremiere::premiereVersions() {
+    return versionsForAppName(kPremierePrefix);
+}
 
 std::vector<std::string> KTPremiere::versionsForAppName(const std::string& prefix) {
     std::vector<std::string> versions;
     if (auto home = premiereHomeFolder()) versions = versionsForAppName(prefix, *home);
-    for (const std::string& v : versionsForAppName(prefix, KTLocalPaths::applicationDirectory(false)))
+    for (const std::string& v :
+         versionsForAppName(prefix, KTLocalPaths::applicationDirectory(false)))
         addOnce(versions, v);
     return versions;
 }

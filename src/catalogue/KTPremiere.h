@@ -7,7 +7,7 @@
 /// depends. Versions come from the application bundles' Info.plist, or from
 /// an installation's Configuration/XManConfig.xml when no bundle is there.
 class KTPremiere {
-public:
+  public:
     /// Versions of applications named "Adobe Premiere ..." (`premiereVersions`).
     static std::vector<std::string> premiereVersions();
 

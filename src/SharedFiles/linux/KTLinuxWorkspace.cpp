@@ -10,7 +10,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-bool hasAppExtension(const fs::path& p) { return p.extension() == ".app"; }
+bool hasAppExtension(const fs::path& p) {
+    return p.extension() == ".app";
+}
 
 /// Folder entries sorted by name, so that "first found" does not depend on
 /// the order the file system happens to list them in.

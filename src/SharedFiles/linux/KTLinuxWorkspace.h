@@ -14,7 +14,7 @@
 /// its Contents/Info.plist. The list is read on the first lookup after a
 /// refresh and kept; lookups from several threads are safe.
 class KTLinuxWorkspace : public KTWorkspace {
-public:
+  public:
     std::optional<std::string> absolutePathForAppBundleWithIdentifier(
         const std::string& bundleIdentifier) override;
     void refreshApplications() override;
@@ -25,7 +25,7 @@ public:
     /// When two bundles share an identifier the first found wins.
     static std::map<std::string, std::string> scanApplications();
 
-private:
+  private:
     std::mutex mutex_;
     bool loaded_ = false;
     std::map<std::string, std::string> applications_;
