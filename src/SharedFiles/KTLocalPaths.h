@@ -59,7 +59,11 @@ public:
     /// other is put under the system root.
     static std::string realPath(const std::string& logicalPath);
 
-    /// The superuser's cut of a user-domain lookup, applied when the real user id is 0.
+    /// The superuser's cut of a user-domain search result ("/var/root/Library"
+    /// -> HOME/Library; 16 characters off "/private/var/root", so its "t"
+    /// stays). The Linux lookups start from `userDirectory`, which already
+    /// names the home of the person behind sudo, so they need no cut; this is
+    /// for paths that come from a macOS machine.
     static std::string rootUserAdjusted(const std::string& searchResult);
 
     static std::string uuid();
