@@ -75,11 +75,19 @@ std::vector<std::string> folderEntries(const std::string& folder) {
     return names;
 }
 
+struct Owner {
+    uid_t uid;
+    gid_t gid;
+};
+
 /// The user who ran sudo, when this root process was started through it.
-const passwd* sudoUser() {
+/// Copied out: the account lookups share one static record.
+std::optional<Owner> sudoUser() {
     const char* name = std::getenv("SUDO_USER");
-    if (!name || !*name || getuid() != 0) return nullptr;
-    return getpwnam(name);
+    if (!name || !*name || getuid() != 0) return std::nullopt;
+    const passwd* pw = getpwnam(name);
+    if (!pw) return std::nullopt;
+    return Owner{pw->pw_uid, pw->pw_gid};
 }
 
 /// Percent-encodes a path for a trash information file.
@@ -100,7 +108,8 @@ std::string encodePath(const std::string& path) {
 
 /// Lets the desktop's Trash list the item and put it back. A missing info
 /// file costs only that, so failures are ignored.
-void writeTrashInfo(const std::string& target, const std::string& original, const passwd* owner) {
+void writeTrashInfo(const std::string& target, const std::string& original,
+                    const std::optional<Owner>& owner) {
     namespace fs = std::filesystem;
     fs::path files = fs::path(target).parent_path();
     fs::path info = files.parent_path() / "info";
@@ -114,8 +123,8 @@ void writeTrashInfo(const std::string& target, const std::string& original, cons
             << "\nDeletionDate=" << localTime("%Y-%m-%dT%H:%M:%S") << "\n";
     }
     if (owner) {
-        int ignored = lchown(info.c_str(), owner->pw_uid, owner->pw_gid);
-        ignored = lchown(infoPath.c_str(), owner->pw_uid, owner->pw_gid);
+        int ignored = lchown(info.c_str(), owner->uid, owner->gid);
+        ignored = lchown(infoPath.c_str(), owner->uid, owner->gid);
         (void)ignored;
     }
 }
@@ -295,7 +304,7 @@ bool KTAuthorization::authTrashFile(const std::string& path, bool deleteOnRootAc
     }
     const std::string name = lastComponent(path);
     const bool root = runningAsRoot();
-    const passwd* owner = root ? sudoUser() : nullptr;
+    const std::optional<Owner> owner = root ? sudoUser() : std::nullopt;
     std::string trash = KTLocalPaths::trashDirectory();
     if (root && !userDirectory_.empty()) trash = userDirectory_ + "/.local/share/Trash/files";
 
@@ -305,7 +314,7 @@ bool KTAuthorization::authTrashFile(const std::string& path, bool deleteOnRootAc
         std::filesystem::create_directories(trash, ec);
         if (owner) {
             for (std::string p = trash; p.size() > userDirectory_.size(); p = p.substr(0, p.rfind('/'))) {
-                int ignored = lchown(p.c_str(), owner->pw_uid, owner->pw_gid);
+                int ignored = lchown(p.c_str(), owner->uid, owner->gid);
                 (void)ignored;
             }
         }
@@ -327,13 +336,13 @@ bool KTAuthorization::authTrashFile(const std::string& path, bool deleteOnRootAc
         if (!exists(path)) return false;
         if (!KTTaskEx::runTask("/bin/mv", {"-f", path, target}) || !exists(target)) return false;
         KTTaskEx::runTask("/usr/sbin/chown",
-                          {"-R", std::to_string(owner->pw_uid) + ":" + std::to_string(owner->pw_gid),
+                          {"-R", std::to_string(owner->uid) + ":" + std::to_string(owner->gid),
                            target});
         writeTrashInfo(target, path, owner);
         return true;
     }
     if (!authMoveFile(path, target)) return false;
-    writeTrashInfo(target, path, nullptr);
+    writeTrashInfo(target, path, std::nullopt);
     return true;
 }
 
