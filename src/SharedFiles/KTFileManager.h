@@ -7,7 +7,7 @@
 /// locked (immutable) flag, and the move to the Trash with its privileged
 /// fall-back.
 class KTFileManager {
-public:
+  public:
     /// True when anything is at `path`, a dangling link included (so that it
     /// can still be trashed).
     static bool fileExistsAtPath(const std::string& path);

@@ -32,7 +32,9 @@ std::string KTLocalPaths::systemRoot() {
     return root == "/" ? std::string() : root;
 }
 
-std::string KTLocalPaths::rootedPath(const std::string& absolute) { return systemRoot() + absolute; }
+std::string KTLocalPaths::rootedPath(const std::string& absolute) {
+    return systemRoot() + absolute;
+}
 
 std::string KTLocalPaths::logicalPath(const std::string& real) {
     const std::string root = systemRoot();
@@ -93,31 +95,73 @@ std::string KTLocalPaths::pathForDirectory(Directory kind, bool userDomain) {
     std::string base = userDomain ? userDirectory() : systemRoot();
     std::string suffix;
     switch (kind) {
-        case Directory::Applications: suffix = "/Applications"; break;
-        case Directory::AdminApplications: suffix = "/Applications/Utilities"; break;
-        case Directory::Documents: suffix = "/Documents"; break;
-        case Directory::Library: suffix = "/Library"; break;
-        case Directory::Caches: suffix = "/Library/Caches"; break;
-        case Directory::ApplicationSupport: suffix = "/Library/Application Support"; break;
-        case Directory::Movies: suffix = "/Movies"; break;
-        case Directory::Desktop: suffix = "/Desktop"; break;
-        case Directory::Documentation: suffix = "/Library/Documentation"; break;
+        case Directory::Applications:
+            suffix = "/Applications";
+            break;
+        case Directory::AdminApplications:
+            suffix = "/Applications/Utilities";
+            break;
+        case Directory::Documents:
+            suffix = "/Documents";
+            break;
+        case Directory::Library:
+            suffix = "/Library";
+            break;
+        case Directory::Caches:
+            suffix = "/Library/Caches";
+            break;
+        case Directory::ApplicationSupport:
+            suffix = "/Library/Application Support";
+            break;
+        case Directory::Movies:
+            suffix = "/Movies";
+            break;
+        case Directory::Desktop:
+            suffix = "/Desktop";
+            break;
+        case Directory::Documentation:
+            suffix = "/Library/Documentation";
+            break;
     }
     return base + suffix;
 }
 
-std::string KTLocalPaths::applicationDirectory(bool u) { return pathForDirectory(Directory::Applications, u); }
-std::string KTLocalPaths::adminApplicationDirectory(bool u) { return pathForDirectory(Directory::AdminApplications, u); }
-std::string KTLocalPaths::documentDirectory(bool u) { return pathForDirectory(Directory::Documents, u); }
-std::string KTLocalPaths::libraryDirectory(bool u) { return pathForDirectory(Directory::Library, u); }
-std::string KTLocalPaths::prefsDirectory(bool u) { return libraryDirectory(u) + "/Preferences"; }
-std::string KTLocalPaths::cacheDirectory(bool u) { return pathForDirectory(Directory::Caches, u); }
-std::string KTLocalPaths::appSupportDirectory(bool u) { return pathForDirectory(Directory::ApplicationSupport, u); }
-std::string KTLocalPaths::logDirectory(bool u) { return libraryDirectory(u) + "/Logs"; }
-std::string KTLocalPaths::movieDirectory() { return pathForDirectory(Directory::Movies, true); }
-std::string KTLocalPaths::desktopDirectory() { return pathForDirectory(Directory::Desktop, true); }
-std::string KTLocalPaths::systemLibraryDirectory() { return systemRoot() + "/System/Library"; }
-std::string KTLocalPaths::localDocumentationDirectory() { return pathForDirectory(Directory::Documentation, false); }
+std::string KTLocalPaths::applicationDirectory(bool u) {
+    return pathForDirectory(Directory::Applications, u);
+}
+std::string KTLocalPaths::adminApplicationDirectory(bool u) {
+    return pathForDirectory(Directory::AdminApplications, u);
+}
+std::string KTLocalPaths::documentDirectory(bool u) {
+    return pathForDirectory(Directory::Documents, u);
+}
+std::string KTLocalPaths::libraryDirectory(bool u) {
+    return pathForDirectory(Directory::Library, u);
+}
+std::string KTLocalPaths::prefsDirectory(bool u) {
+    return libraryDirectory(u) + "/Preferences";
+}
+std::string KTLocalPaths::cacheDirectory(bool u) {
+    return pathForDirectory(Directory::Caches, u);
+}
+std::string KTLocalPaths::appSupportDirectory(bool u) {
+    return pathForDirectory(Directory::ApplicationSupport, u);
+}
+std::string KTLocalPaths::logDirectory(bool u) {
+    return libraryDirectory(u) + "/Logs";
+}
+std::string KTLocalPaths::movieDirectory() {
+    return pathForDirectory(Directory::Movies, true);
+}
+std::string KTLocalPaths::desktopDirectory() {
+    return pathForDirectory(Directory::Desktop, true);
+}
+std::string KTLocalPaths::systemLibraryDirectory() {
+    return systemRoot() + "/System/Library";
+}
+std::string KTLocalPaths::localDocumentationDirectory() {
+    return pathForDirectory(Directory::Documentation, false);
+}
 
 std::string KTLocalPaths::trashDirectory() {
     // The freedesktop.org home trash, which desktop trash tools list and restore from.
@@ -131,7 +175,9 @@ std::string KTLocalPaths::tempDirectory() {
     return t;
 }
 
-std::string KTLocalPaths::darwinCacheDirectory() { return {}; }
+std::string KTLocalPaths::darwinCacheDirectory() {
+    return {};
+}
 
 std::string KTLocalPaths::uuid() {
     static thread_local std::mt19937_64 gen{std::random_device{}()};
@@ -160,7 +206,9 @@ std::string KTLocalPaths::randomString(int count) {
     return s;
 }
 
-std::string KTLocalPaths::tempFile() { return tempDirectory() + uuid() + randomString(8); }
+std::string KTLocalPaths::tempFile() {
+    return tempDirectory() + uuid() + randomString(8);
+}
 
 std::optional<std::string> KTLocalPaths::ensureTrailingSlash(const std::optional<std::string>& p) {
     if (!p) return std::nullopt;
@@ -182,8 +230,8 @@ bool KTLocalPaths::isPathSystemDirectory(const std::string& input, bool exactMat
     if (path.back() == '/') path.resize(path.size() - 2);
 
     // The real system folders of this machine, whatever the system root.
-    static const char* const linuxSystem[] = {"/usr", "/bin", "/sbin", "/lib", "/lib64", "/etc",
-                                              "/var", "/boot", "/dev", "/proc", "/sys", "/run"};
+    static const char* const linuxSystem[] = {"/usr", "/bin",  "/sbin", "/lib",  "/lib64", "/etc",
+                                              "/var", "/boot", "/dev",  "/proc", "/sys",   "/run"};
     for (const char* s : linuxSystem) {
         if (path == s) return true;
     }

@@ -11,7 +11,7 @@
 /// macOS: ROOT/Library, ROOT/Applications, HOME/Library/Preferences, ...
 /// A lookup that has no folder on this platform answers "" (nothing).
 class KTLocalPaths {
-public:
+  public:
     enum class Directory {
         Applications,
         AdminApplications,

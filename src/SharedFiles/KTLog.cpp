@@ -21,8 +21,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::mutex gClassLock;        // creation of the singleton
-std::mutex gFinishLock;       // finishWriting from outside the writer
+std::mutex gClassLock;   // creation of the singleton
+std::mutex gFinishLock;  // finishWriting from outside the writer
 KTLog* gShared = nullptr;
 std::atomic<std::uint64_t> gRestartThreshold{5000000};
 std::atomic<int> gSuperuserOverride{-1};  // -1: ask the system
@@ -114,22 +114,25 @@ std::string KTLog::resolvedAppName() const {
     return exe;
 }
 
-std::string KTLog::appName() const { return resolvedAppName(); }
+std::string KTLog::appName() const {
+    return resolvedAppName();
+}
 
 void KTLog::setAppName(const std::string& name) {
     std::lock_guard<std::mutex> l(stateLock_);
     appName_ = name;
 }
 
-std::string KTLog::logFolder() { return KTLocalPaths::libraryDirectory(true) + "/Logs/Quellbrook"; }
+std::string KTLog::logFolder() {
+    return KTLocalPaths::libraryDirectory(true) + "/Logs/Quellbrook";
+}
 
 std::string KTLog::currentLogPath() {
     std::string name = sharedController()->resolvedAppName();
     // The superuser's current file lives in the machine's Library; the
     // rotation still happens in the user's folder.
-    std::string folder = isSuperuser()
-                             ? KTLocalPaths::libraryDirectory(false) + "/Logs/Quellbrook"
-                             : logFolder();
+    std::string folder =
+        isSuperuser() ? KTLocalPaths::libraryDirectory(false) + "/Logs/Quellbrook" : logFolder();
     return folder + "/" + name + ".1.log";
 }
 
@@ -201,13 +204,16 @@ void KTLog::createNewLog(const std::optional<std::string>& name, bool noPrinting
     if (isSuperuser()) fs::create_directories(fs::path(current).parent_path(), ec);
 
     if (fs::exists(current, ec)) {
-        auto numbered = [&](long n) { return folder + "/" + app + "." + std::to_string(n) + ".log"; };
+        auto numbered = [&](long n) {
+            return folder + "/" + app + "." + std::to_string(n) + ".log";
+        };
         fs::remove(numbered(5), ec);
         for (long n = 4; n >= 1; --n) {
             if (!fs::exists(numbered(n))) continue;
             if (::rename(numbered(n).c_str(), numbered(n + 1).c_str()) != 0) {
                 if (!noPrinting)
-                    printOut("Unable to move file " + numbered(n) + " to " + numbered(n + 1) + ".\n");
+                    printOut("Unable to move file " + numbered(n) + " to " + numbered(n + 1) +
+                             ".\n");
                 return;
             }
         }
@@ -444,7 +450,9 @@ bool KTLog::isSuperuser() {
     return o >= 0 ? o == 1 : getuid() == 0;
 }
 
-void KTLog::setRestartThresholdForTesting(std::uint64_t bytes) { gRestartThreshold = bytes; }
+void KTLog::setRestartThresholdForTesting(std::uint64_t bytes) {
+    gRestartThreshold = bytes;
+}
 
 std::string KTLog::dateDescription() {
     std::time_t now = std::time(nullptr);
@@ -461,7 +469,8 @@ std::string KTException::logException(const std::exception& e, const char* metho
 
 std::string KTException::logException(const std::string& name, const std::string& reason,
                                       const char* method) {
-    std::string text = KTFormat::str("Exception in %s. %@ - %@.", method ? method : "", name, reason);
+    std::string text =
+        KTFormat::str("Exception in %s. %@ - %@.", method ? method : "", name, reason);
     KTLog::appendLogAndPrint("%@", text);
     return text;
 }

@@ -20,7 +20,7 @@
 /// threads excepted). Five files are kept; a file that reaches 5,000,000
 /// bytes starts afresh. Entries are formats of the KTFormat family.
 class KTLog {
-public:
+  public:
     static KTLog* sharedController();
 
     static void createNewLog() { createNewLog(std::nullopt, false); }
@@ -86,11 +86,10 @@ public:
 
     ~KTLog();
 
-private:
+  private:
     KTLog();
     static void appendLogArgs(std::string_view format, std::vector<KTArg> args, bool mayWait);
-    static void appendLogAndPrintArgs(std::string_view format, std::vector<KTArg> args,
-                                      bool print);
+    static void appendLogAndPrintArgs(std::string_view format, std::vector<KTArg> args, bool print);
     void writerLoop();
     void drainQueued();
     bool onWriter() const { return std::this_thread::get_id() == writerId_; }
@@ -121,7 +120,7 @@ private:
 
 /// Turns a caught exception into a log entry, and carries on.
 class KTException {
-public:
+  public:
     /// Logs "Exception in %s. %@ - %@." and answers the text.
     static std::string logException(const std::exception& e, const char* method);
     static std::string logException(const std::string& name, const std::string& reason,

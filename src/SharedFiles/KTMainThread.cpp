@@ -32,7 +32,9 @@ void KTInlineMainThread::post(std::function<void()> work) {
     work();
 }
 
-bool KTInlineMainThread::isMainThread() const { return std::this_thread::get_id() == mainId_; }
+bool KTInlineMainThread::isMainThread() const {
+    return std::this_thread::get_id() == mainId_;
+}
 
 void KTMainThread::processPendingEvents(double maxWaitSeconds) {
     if (maxWaitSeconds > 0)

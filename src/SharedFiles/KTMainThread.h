@@ -9,7 +9,7 @@
 /// the work to Qt's event loop while the command line and the tests run it
 /// inline. Process-wide: `shared()` answers the installed dispatcher.
 class KTMainThread {
-public:
+  public:
     virtual ~KTMainThread() = default;
 
     /// Runs `work` on the main thread and returns when it has run. Called on
@@ -38,12 +38,12 @@ public:
 /// thread, one piece at a time (a recursive lock serialises it), so waiting
 /// for a background load from the main thread never deadlocks.
 class KTInlineMainThread : public KTMainThread {
-public:
+  public:
     KTInlineMainThread();
     void runAndWait(const std::function<void()>& work) override;
     void post(std::function<void()> work) override;
     bool isMainThread() const override;
 
-private:
+  private:
     std::thread::id mainId_;
 };

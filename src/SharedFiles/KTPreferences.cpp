@@ -131,7 +131,9 @@ bool KTPreferences::requireAdminPassword() {
     return machine().boolForKey("requireAdminPassword");
 }
 
-std::string KTPreferences::path() const { return path_(); }
+std::string KTPreferences::path() const {
+    return path_();
+}
 
 void KTPreferences::registerDefaults(const std::map<std::string, KTPreferenceValue>& defaults) {
     std::lock_guard<std::mutex> l(lock_);
@@ -176,7 +178,8 @@ KTPlistPtr KTPreferences::lookup(const std::string& key) const {
     bool corrupt = false;
     KTPlistPtr dict = load(&corrupt);
     if (plist_t v = plist_dict_get_item(dict.get(), key.c_str())) return KTPlistPtr(plist_copy(v));
-    if (auto it = defaults_.find(key); it != defaults_.end()) return KTPlistPtr(toPlist(it->second));
+    if (auto it = defaults_.find(key); it != defaults_.end())
+        return KTPlistPtr(toPlist(it->second));
     return nullptr;
 }
 
@@ -185,7 +188,9 @@ std::optional<KTPreferenceValue> KTPreferences::objectForKey(const std::string& 
     return fromPlist(v.get());
 }
 
-KTPlistPtr KTPreferences::plistForKey(const std::string& key) const { return lookup(key); }
+KTPlistPtr KTPreferences::plistForKey(const std::string& key) const {
+    return lookup(key);
+}
 
 std::optional<std::string> KTPreferences::stringForKey(const std::string& key) const {
     auto v = objectForKey(key);

@@ -21,7 +21,7 @@ using KTPreferenceValue =
 /// read or parsed reads as empty and is logged; a read never writes it, and a
 /// write over it first keeps it aside as NAME.corrupt. Safe from any thread.
 class KTPreferences {
-public:
+  public:
     /// The domain `domain` in the user's (true) or the machine's Preferences folder.
     KTPreferences(std::string domain, bool userDomain);
     /// A domain at a fixed file (tests, tools).
@@ -82,7 +82,7 @@ public:
     bool setPlist(const std::string& key, plist_t value, std::string* error = nullptr);
     bool removeObjectForKey(const std::string& key, std::string* error = nullptr);
 
-private:
+  private:
     /// The file's dictionary (an empty one when missing or unreadable) and
     /// whether the file was there but unreadable.
     KTPlistPtr load(bool* corrupt) const;

@@ -7,7 +7,7 @@
 /// list it and can put it back. Nothing is deleted outright anywhere in the
 /// program; this is where removed plug-ins go.
 class KTTrash {
-public:
+  public:
     virtual ~KTTrash() = default;
 
     /// Moves the item at `path` (a file, folder or link) into the Trash.

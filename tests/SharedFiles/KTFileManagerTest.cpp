@@ -25,7 +25,7 @@ namespace {
 
 /// A tmpfs mounted for one test, always unmounted again.
 class TmpfsMount {
-public:
+  public:
     TmpfsMount(const std::string& where, const std::string& size) : where_(where) {
         fs::create_directories(where);
         ok_ = ::mount("tmpfs", where.c_str(), "tmpfs", 0, ("size=" + size).c_str()) == 0;
@@ -37,7 +37,7 @@ public:
     bool ok() const { return ok_; }
     const std::string& error() const { return error_; }
 
-private:
+  private:
     std::string where_, error_;
     bool ok_ = false;
 };
@@ -96,7 +96,7 @@ bool emptyOrMissing(const std::string& dir) {
 }
 
 class KTFileManagerTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         KTLog::resetForTesting();
         KTLog::setSuperuserForTesting(false);

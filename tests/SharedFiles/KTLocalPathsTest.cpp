@@ -47,8 +47,8 @@ TEST(KTLocalPathsTest, GuardComparesAgainstTheMappedFoldersExactly) {
         EXPECT_TRUE(L::isPathSystemDirectory(scratch.homePath("/Desktop"), exact));
         EXPECT_FALSE(L::isPathSystemDirectory(
             scratch.rootPath("/Library/Audio/Plug-Ins/Components"), exact));
-        EXPECT_FALSE(L::isPathSystemDirectory(scratch.homePath("/Library/Application Support/X"),
-                                              exact));
+        EXPECT_FALSE(
+            L::isPathSystemDirectory(scratch.homePath("/Library/Application Support/X"), exact));
         // Case counts, and the trailing-slash cut applies to mapped folders too.
         EXPECT_FALSE(L::isPathSystemDirectory(scratch.rootPath("/library"), exact));
         EXPECT_FALSE(L::isPathSystemDirectory(scratch.rootPath("/Library/"), exact));

@@ -38,7 +38,7 @@ namespace {
 
 /// Captures what the process writes to standard output.
 class StdoutCapture {
-public:
+  public:
     StdoutCapture() {
         std::fflush(stdout);
         path_ = fs::temp_directory_path() / ("ambrel-stdout-" + std::to_string(::getpid()));
@@ -60,7 +60,7 @@ public:
     }
     ~StdoutCapture() { finish(); }
 
-private:
+  private:
     std::string path_;
     int saved_ = -1;
 };
@@ -88,7 +88,7 @@ void writeGlobalPrefs(const ScratchRoot& s, plist_t value) {
 }
 
 class KTLogTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         KTLog::resetForTesting();
         KTLog::setSuperuserForTesting(false);
@@ -117,16 +117,17 @@ TEST_F(KTLogTest, NewLogStartsWithTheHeaderAndStampsEveryLine) {
 
     auto lines = entries(logFile("Probe", 1));
     ASSERT_EQ(lines.size(), 7u);
-    EXPECT_TRUE(std::regex_match(lines[0],
-                                 std::regex(R"(Log started: \d{4}-\d\d-\d\d \d\d:\d\d:\d\d \+0000)")));
+    EXPECT_TRUE(std::regex_match(
+        lines[0], std::regex(R"(Log started: \d{4}-\d\d-\d\d \d\d:\d\d:\d\d \+0000)")));
     EXPECT_EQ(lines[1], "Version: " AMBREL_VERSION);
     EXPECT_EQ(lines[2], "Path: " + fs::read_symlink("/proc/self/exe").string());
     struct utsname u {};
     ::uname(&u);
     EXPECT_TRUE(std::regex_match(
-        lines[3], std::regex("System: Linux " + std::regex_replace(std::string(u.release),
-                                                                   std::regex(R"([.+()])"), R"(\$&)") +
-                             R"(, [1-9]\d* CPU\(s\), \d+\.\d\d GB RAM)")))
+        lines[3],
+        std::regex("System: Linux " +
+                   std::regex_replace(std::string(u.release), std::regex(R"([.+()])"), R"(\$&)") +
+                   R"(, [1-9]\d* CPU\(s\), \d+\.\d\d GB RAM)")))
         << lines[3];
     EXPECT_EQ(lines[4], "Running in 64-bit mode");
     EXPECT_EQ(lines[5], "Moved Glow.fxplug to /Library (1 of 2)");
@@ -175,7 +176,8 @@ TEST_F(KTLogTest, PrintedCopyShowsPerCentDoubledAndNoPrintingSilencesIt) {
 }
 
 TEST_F(KTLogTest, NewLogRotatesFiveFiles) {
-    for (int n = 1; n <= 5; ++n) ScratchRoot::writeFile(logFile("Rot", n), "file " + std::to_string(n) + "\n");
+    for (int n = 1; n <= 5; ++n)
+        ScratchRoot::writeFile(logFile("Rot", n), "file " + std::to_string(n) + "\n");
     KTLog::createNewLog(std::string("Rot"), true);
     KTLog::finishWriting();
     for (int n = 2; n <= 5; ++n)
@@ -212,9 +214,12 @@ TEST_F(KTLogTest, DisableLoggingPreference) {
         bool disables;
     };
     std::vector<Case> cases = {
-        {"string 1", plist_new_string("1"), true},   {"true", plist_new_bool(1), true},
-        {"number 1", plist_new_uint(1), true},       {"string 0", plist_new_string("0"), false},
-        {"false", plist_new_bool(0), false},         {"number 2", plist_new_uint(2), false},
+        {"string 1", plist_new_string("1"), true},
+        {"true", plist_new_bool(1), true},
+        {"number 1", plist_new_uint(1), true},
+        {"string 0", plist_new_string("0"), false},
+        {"false", plist_new_bool(0), false},
+        {"number 2", plist_new_uint(2), false},
         {"string YES", plist_new_string("YES"), false},
     };
     for (const Case& c : cases) {

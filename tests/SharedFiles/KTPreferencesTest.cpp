@@ -13,7 +13,7 @@ namespace fs = std::filesystem;
 namespace {
 
 class KTPreferencesTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         KTLog::resetForTesting();
         KTLog::setSuperuserForTesting(false);
@@ -38,8 +38,7 @@ TEST_F(KTPreferencesTest, ValuesSurviveARoundTripAndOtherKeysAreKept) {
     // Another program wrote the file, in binary form, with a key of its own.
     KTPlistPtr dict(plist_new_dict());
     plist_dict_set_item(dict.get(), "KTOtherProgramKey", plist_new_string("theirs"));
-    const std::string file =
-        scratch.homePath("/Library/Preferences/com.quellbrook.Ambrel.plist");
+    const std::string file = scratch.homePath("/Library/Preferences/com.quellbrook.Ambrel.plist");
     ScratchRoot::writeFile(file, KTPlist::toBinary(dict.get()));
 
     KTPreferences& prefs = KTPreferences::standard();
@@ -122,7 +121,8 @@ TEST_F(KTPreferencesTest, DomainsLiveWhereTheOtherProgramsLookAndWritesFromThrea
     // Read-modify-write from several threads must not lose a key.
     KTPreferences prefs(scratch.base() + "/prefs/threads.plist");
     auto writer = [&prefs](int t) {
-        for (int i = 0; i < 25; ++i) prefs.setInteger("k" + std::to_string(t) + "-" + std::to_string(i), i);
+        for (int i = 0; i < 25; ++i)
+            prefs.setInteger("k" + std::to_string(t) + "-" + std::to_string(i), i);
     };
     std::thread a(writer, 1), b(writer, 2);
     writer(3);

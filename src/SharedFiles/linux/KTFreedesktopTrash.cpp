@@ -20,7 +20,7 @@ namespace {
 /// Removes what it names when it goes, unless released: the reserved
 /// .trashinfo and a partial copy must not outlive a failed move.
 class RemoveOnFailure {
-public:
+  public:
     explicit RemoveOnFailure(std::string path) : path_(std::move(path)) {}
     ~RemoveOnFailure() {
         if (path_.empty()) return;
@@ -31,7 +31,7 @@ public:
     RemoveOnFailure(const RemoveOnFailure&) = delete;
     RemoveOnFailure& operator=(const RemoveOnFailure&) = delete;
 
-private:
+  private:
     std::string path_;
 };
 
@@ -128,7 +128,8 @@ bool sameContents(const fs::path& a, const fs::path& b) {
 /// The copy holds every entry of the original, of the same kind, with the
 /// same bytes and link targets.
 bool sameTree(const fs::path& from, const fs::path& to, std::string* error) {
-    struct stat a {}, b {};
+    struct stat a {
+    }, b{};
     if (::lstat(from.c_str(), &a) != 0 || ::lstat(to.c_str(), &b) != 0 ||
         (a.st_mode & S_IFMT) != (b.st_mode & S_IFMT)) {
         *error = "The copy of " + from.string() + " differs from the original";
@@ -165,7 +166,8 @@ std::string KTFreedesktopTrash::percentEncode(const std::string& path) {
     static const char* hex = "0123456789ABCDEF";
     std::string out;
     for (unsigned char c : path) {
-        if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '/' || c == '-' || c == '_' || c == '.' || c == '~') {
+        if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+            c == '/' || c == '-' || c == '_' || c == '.' || c == '~') {
             out += static_cast<char>(c);
         } else {
             out += '%';
@@ -190,9 +192,9 @@ bool KTFreedesktopTrash::trashItem(const std::string& input, std::string* trashe
         return false;
     }
 
-    const std::string trash =
-        trashFolder_.empty() ? fs::path(KTLocalPaths::trashDirectory()).parent_path().string()
-                             : trashFolder_;
+    const std::string trash = trashFolder_.empty()
+                                  ? fs::path(KTLocalPaths::trashDirectory()).parent_path().string()
+                                  : trashFolder_;
     if (trash == path || trash.compare(0, path.size() + 1, path + "/") == 0) {
         *error = "The Trash cannot be moved into itself";
         return false;
@@ -224,8 +226,8 @@ bool KTFreedesktopTrash::trashItem(const std::string& input, std::string* trashe
             ::unlink(infoPath.c_str());
             continue;
         }
-        std::string text = "[Trash Info]\nPath=" + percentEncode(path) +
-                           "\nDeletionDate=" + deletionDate() + "\n";
+        std::string text =
+            "[Trash Info]\nPath=" + percentEncode(path) + "\nDeletionDate=" + deletionDate() + "\n";
         bool ok = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
         ok = ::close(fd) == 0 && ok;
         if (!ok) {

@@ -10,7 +10,7 @@
 /// file system than the trash is copied, checked against the original and
 /// only then removed; a copy that fails is removed again and the item stays.
 class KTFreedesktopTrash : public KTTrash {
-public:
+  public:
     /// `trashFolder` holds files/ and info/; empty means the home trash
     /// (the parent of `KTLocalPaths::trashDirectory`), looked up on each call.
     explicit KTFreedesktopTrash(std::string trashFolder = {});
@@ -22,6 +22,6 @@ public:
     /// and "/" as %XX.
     static std::string percentEncode(const std::string& path);
 
-private:
+  private:
     std::string trashFolder_;
 };
