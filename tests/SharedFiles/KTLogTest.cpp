@@ -135,6 +135,17 @@ TEST_F(KTLogTest, NewLogStartsWithTheHeaderAndStampsEveryLine) {
     EXPECT_EQ(KTLog::sharedController()->bytesInQueue(), 0u);
 }
 
+TEST_F(KTLogTest, ShortEntriesFromBackgroundThreadsAreOnDiskWhenAppendLogReturns) {
+    KTLog::createNewLog(std::string("Wait"), true);
+    KTLog::finishWriting();
+    std::string seen;
+    std::thread([&] {
+        KTLog::appendLog("short entry");
+        seen = ScratchRoot::readFile(logFile("Wait", 1));
+    }).join();
+    EXPECT_NE(seen.find(" - short entry\n"), std::string::npos);
+}
+
 TEST_F(KTLogTest, PerCentSignsInTextsAndArguments) {
     EXPECT_EQ(KTLog::escapeTextForLogging("50% done"), "50%% done");
     EXPECT_EQ(KTLog::escapeTextForLogging("already 50%% done"), "already 50%% done");
