@@ -1,21 +1,24 @@
 #include <cstdio>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "SharedFiles/KTMainThread.h"
+#include "app/core/KTCommandLine.h"
 
-namespace {
-void printUsage() {
-    std::fputs(
-        "usage: ambrel                      open the window\n"
-        "       ambrel -allplugins [-data|-plist]\n"
-        "The catalogue and its verbs are not built yet.\n",
-        stderr);
-}
-}  // namespace
+#ifdef AMBREL_HAVE_GUI
+int runWindow(int argc, char** argv);
+#endif
 
 int main(int argc, char** argv) {
+    // The thread that starts the program is the main thread of both modes.
     KTMainThread::setShared(std::make_shared<KTInlineMainThread>());
-    (void)argv;
-    printUsage();
-    return argc > 1 ? 0 : 2;
+    std::vector<std::string> args(argv + 1, argv + argc);
+    if (KTCommandLine::isVerb(args)) return KTCommandLine::run(args);
+#ifdef AMBREL_HAVE_GUI
+    return runWindow(argc, argv);
+#else
+    std::fputs(KTCommandLine::usage().c_str(), stderr);
+    return 2;
+#endif
 }

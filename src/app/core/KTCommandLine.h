@@ -1,0 +1,27 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+class AppController;
+
+/// The command-line front end: one verb, run without any window, then exit.
+class KTCommandLine {
+public:
+    /// Exit status of the window-less controller that could not be created.
+    static constexpr int kControllerFailed = 1004;
+
+    /// True when `args` (argv without the program name) start with a verb
+    /// this front end runs; anything else opens the window.
+    static bool isVerb(const std::vector<std::string>& args);
+
+    /// Runs the verb and answers the process's exit status.
+    static int run(const std::vector<std::string>& args);
+
+    /// The usage text, also printed when no window can be opened.
+    static std::string usage();
+
+private:
+    static int allPlugins(AppController& app, const std::vector<std::string>& args);
+};

@@ -1,0 +1,308 @@
+#include "catalogue/OutlineViewController.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <functional>
+#include <thread>
+
+#include "SharedFiles/KTFormat.h"
+#include "SharedFiles/KTMainThread.h"
+#include "SharedFiles/KTOperationQueue.h"
+#include "catalogue/KTBundleInfo.h"
+#include "catalogue/KTFilePackage.h"
+
+namespace {
+
+std::vector<std::string> components(const std::string& subdir) {
+    std::vector<std::string> out;
+    std::size_t start = 0;
+    while (start <= subdir.size()) {
+        std::size_t end = subdir.find('/', start);
+        if (end == std::string::npos) end = subdir.size();
+        if (end > start) out.push_back(subdir.substr(start, end - start));
+        start = end + 1;
+    }
+    return out;
+}
+
+/// A folder's display name: its name less the extension, unless numeric.
+std::string displayName(const std::string& folderName) {
+    std::string ext = KTFilePackage::lowerExtension(folderName);
+    if (ext.empty() || KTPluginLocations::isNumeric(ext)) return folderName;
+    return folderName.substr(0, folderName.size() - ext.size() - 1);
+}
+
+void collectPlugins(const KTItemList& list, std::vector<std::shared_ptr<KTPluginItem>>& out) {
+    for (const auto& item : list) {
+        if (!item) continue;
+        if (item->isGroup()) {
+            collectPlugins(static_cast<const KTGroupItem&>(*item).children(), out);
+        } else {
+            out.push_back(std::static_pointer_cast<KTPluginItem>(item));
+        }
+    }
+}
+
+}  // namespace
+
+OutlineViewController::OutlineViewController(AppController* appController)
+    : app_(appController),
+      disabledPath_(KTPluginLocations::disabledPath()),
+      inspectionQueue_(std::make_unique<KTOperationQueue>(
+          std::max(2u, std::min(8u, std::thread::hardware_concurrency())))) {}
+
+OutlineViewController::~OutlineViewController() {
+    inspectionQueue_.reset();  // drops pending inspections, waits for running ones
+}
+
+KTItemList OutlineViewController::dataArray() const {
+    std::lock_guard<std::recursive_mutex> l(treeLock_);
+    return dataArray_;
+}
+
+void OutlineViewController::clearData() {
+    std::lock_guard<std::recursive_mutex> l(treeLock_);
+    dataArray_.clear();
+    filteredArray_.clear();
+    invalidateIndexes();
+}
+
+void OutlineViewController::invalidateIndexes() {
+    std::lock_guard<std::recursive_mutex> l(treeLock_);
+    groupIndex_.clear();
+    pathIndex_.clear();
+    ++treeGeneration_;
+}
+
+void OutlineViewController::setLoading(bool loading) {
+    std::lock_guard<std::recursive_mutex> l(treeLock_);
+    loading_ = loading;
+    groupIndex_.clear();
+}
+
+void OutlineViewController::addItemToDataArray(const KTItemPtr& item) {
+    if (!item) return;
+    std::lock_guard<std::recursive_mutex> l(treeLock_);
+    dataArray_.push_back(item);
+    ++treeGeneration_;
+}
+
+void OutlineViewController::addChild(const KTItemPtr& item) {
+    if (!item) return;
+    addItemToDataArray(item);
+}
+
+std::shared_ptr<KTPluginItem> OutlineViewController::addPlugin(
+    const std::string& fileName, const std::string& shortName,
+    const std::optional<std::string>& subdir, const std::string& version, std::int64_t pluginType,
+    std::int64_t pluginAccess, long long pluginEnabled) {
+    std::lock_guard<std::recursive_mutex> l(treeLock_);
+    auto item = std::make_shared<KTPluginItem>(fileName, pluginType, pluginAccess, pluginEnabled);
+    item->setVersion(version);
+    item->setShortName(shortName);
+    item->setSubdir(subdir);
+    if (!subdir || subdir->empty()) {
+        KTMainThread::shared().runAndWait([&] { addItemToDataArray(item); });
+    } else if (auto top = groupFromPlugin(item)) {
+        KTMainThread::shared().runAndWait([&] { addItemToDataArray(top); });
+    }
+    item->setLockStatus();
+    ++treeGeneration_;
+
+    // Details fill in later; an item dropped meanwhile is simply skipped.
+    std::weak_ptr<KTPluginItem> weak = item;
+    inspectionQueue_->addOperation([weak] {
+        if (auto it = weak.lock()) populateBundleInfo(*it);
+    });
+    return item;
+}
+
+void OutlineViewController::populateBundleInfo(KTPluginItem& item) {
+    KTBundleInfo info = KTBundleInfo::read(item.actualPath());
+    if (!info.isBundle) return;
+    if (info.name) item.setShortName(*info.name);
+    if (info.version) item.setVersion(*info.version);
+    if (!info.architectures.empty()) item.setArchitectures(info.architectures);
+}
+
+void OutlineViewController::waitForBundleInspection() { inspectionQueue_->waitUntilAllOperationsAreFinished(); }
+
+std::shared_ptr<KTGroupItem> OutlineViewController::addGroup(const std::string& subdir,
+                                                             const std::string& basePath) {
+    std::lock_guard<std::recursive_mutex> l(treeLock_);
+    bool isUnique = false;
+    auto top = createGroupPath(subdir, basePath, false, &isUnique);
+    if (top && isUnique) KTMainThread::shared().runAndWait([&] { addItemToDataArray(top); });
+    return top;
+}
+
+std::shared_ptr<KTGroupItem> OutlineViewController::groupFromPlugin(
+    const std::shared_ptr<KTPluginItem>& item) {
+    if (!item || !item->subdir() || item->subdir()->empty()) return nullptr;
+    std::lock_guard<std::recursive_mutex> l(treeLock_);
+    std::string base = item->pluginBasePath();
+    if (item->pluginEnabled() == 0) base = KTPluginLocations::disabledPathForPath(base);
+    bool isUnique = false;
+    auto deepest = createGroupPath(*item->subdir(), base, true, &isUnique);
+    if (!deepest) return nullptr;
+    deepest->addChild(item);
+    if (!isUnique) return nullptr;
+    return item->absoluteParent();
+}
+
+std::shared_ptr<KTGroupItem> OutlineViewController::findChildGroup(const KTItemList& list,
+                                                                   const std::string& subdir) const {
+    for (const auto& it : list) {
+        if (it && it->isGroup()) {
+            auto g = std::static_pointer_cast<KTGroupItem>(it);
+            if (g->subdir() && *g->subdir() == subdir) return g;
+        }
+    }
+    return nullptr;
+}
+
+std::shared_ptr<KTGroupItem> OutlineViewController::createGroupPath(const std::string& subdir,
+                                                                    const std::string& basePath,
+                                                                    bool returnLastObject,
+                                                                    bool* isUnique) {
+    if (isUnique) *isUnique = false;
+    const auto parts = components(subdir);
+    if (parts.empty()) return nullptr;
+    std::lock_guard<std::recursive_mutex> l(treeLock_);
+
+    std::shared_ptr<KTGroupItem> top, current;
+    std::string sofar;
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+        sofar = i == 0 ? parts[0] : sofar + "/" + parts[i];
+        std::shared_ptr<KTGroupItem> found;
+        if (loading_) {
+            // During a load thousands of plug-ins look up the same chains.
+            auto hit = groupIndex_.find(sofar);
+            if (hit != groupIndex_.end() && (i == 0 ? !hit->second->parent() : hit->second->parent() == current))
+                found = hit->second;
+        }
+        if (!found) found = findChildGroup(i == 0 ? dataArray_ : current->children(), sofar);
+        if (!found) {
+            found = std::make_shared<KTGroupItem>();
+            found->setTitle(displayName(parts[i]));
+            found->setGroupPath(KTPluginLocations::appendPathComponent(basePath, sofar));
+            found->setSubdir(sofar);
+            if (i == 0) {
+                if (isUnique) *isUnique = true;
+            } else {
+                current->addChild(found);
+            }
+        }
+        if (loading_) groupIndex_[sofar] = found;
+        if (i == 0) top = found;
+        current = found;
+    }
+    return returnLastObject ? current : top;
+}
+
+std::shared_ptr<KTGroupItem> OutlineViewController::groupMatchingSubdir(const std::string& subdir) const {
+    std::lock_guard<std::recursive_mutex> l(treeLock_);
+    std::function<std::shared_ptr<KTGroupItem>(const KTItemList&)> walk =
+        [&](const KTItemList& list) -> std::shared_ptr<KTGroupItem> {
+        for (const auto& it : list) {
+            if (!it || !it->isGroup()) continue;
+            auto g = std::static_pointer_cast<KTGroupItem>(it);
+            if (g->subdir() && *g->subdir() == subdir) return g;
+            if (auto inner = walk(g->children())) return inner;
+        }
+        return nullptr;
+    };
+    return walk(dataArray_);
+}
+
+void OutlineViewController::rebuildPathIndex() {
+    pathIndex_.clear();
+    for (const auto& p : allPlugins()) {
+        pathIndex_[p->actualPath()] = p;
+        pathIndex_.emplace(p->pluginPath(), p);
+    }
+    indexedGeneration_ = treeGeneration_;
+}
+
+std::shared_ptr<KTPluginItem> OutlineViewController::pluginFromPath(const std::string& path) {
+    std::lock_guard<std::recursive_mutex> l(treeLock_);
+    auto lookup = [&]() -> std::shared_ptr<KTPluginItem> {
+        auto it = pathIndex_.find(path);
+        if (it == pathIndex_.end()) return nullptr;
+        auto item = it->second.lock();
+        if (item && (item->actualPath() == path || item->pluginPath() == path)) return item;
+        return nullptr;
+    };
+    if (indexedGeneration_ == treeGeneration_) {
+        if (auto hit = lookup()) return hit;
+    }
+    // The tree changed or an item moved since the index was built.
+    rebuildPathIndex();
+    return lookup();
+}
+
+std::vector<std::shared_ptr<KTPluginItem>> OutlineViewController::allPlugins() const {
+    std::lock_guard<std::recursive_mutex> l(treeLock_);
+    std::vector<std::shared_ptr<KTPluginItem>> out;
+    collectPlugins(dataArray_, out);
+    return out;
+}
+
+std::vector<std::shared_ptr<KTPluginItem>> OutlineViewController::allPluginsForGroup(
+    const KTGroupItem& group) const {
+    std::lock_guard<std::recursive_mutex> l(treeLock_);
+    std::vector<std::shared_ptr<KTPluginItem>> out;
+    collectPlugins(group.children(), out);
+    return out;
+}
+
+void OutlineViewController::search(const std::string& text) {
+    std::lock_guard<std::recursive_mutex> l(treeLock_);
+    searchText_ = text;
+    filteredArray_.clear();
+    if (text.empty()) return;
+    for (const auto& item : dataArray_) {
+        if (!item) continue;
+        if (item->isGroup()) {
+            auto copy = static_cast<const KTGroupItem&>(*item).groupWithFilteredChildren(text);
+            if (!copy->children().empty() || KTItem::containsIgnoringCase(copy->title(), text))
+                filteredArray_.push_back(copy);
+        } else if (KTItem::containsIgnoringCase(item->sortName(), text)) {
+            filteredArray_.push_back(item);
+        }
+    }
+}
+
+KTItemList OutlineViewController::visibleArray() const {
+    std::lock_guard<std::recursive_mutex> l(treeLock_);
+    return searchText_.empty() ? dataArray_ : filteredArray_;
+}
+
+long OutlineViewController::countTotalItemsInArray(const KTItemList& items, long stopAt) {
+    long total = 0;
+    for (const auto& item : items) {
+        if (!item) continue;
+        total += item->isGroup() ? long(static_cast<const KTGroupItem&>(*item).totalChildCount()) : 1;
+        if (stopAt > 0 && total >= stopAt) return total;
+    }
+    return total;
+}
+
+long OutlineViewController::countTotalEnabledItemsInArray(const KTItemList& items, long stopAt) {
+    long total = 0;
+    for (const auto& item : items) {
+        if (!item) continue;
+        if (item->isGroup())
+            total += long(static_cast<const KTGroupItem&>(*item).totalEnabledChildCount());
+        else if (static_cast<const KTPluginItem&>(*item).pluginEnabled() == 1)
+            total += 1;
+        if (stopAt > 0 && total >= stopAt) return total;
+    }
+    return total;
+}
+
+std::string OutlineViewController::pluginStatsText() const {
+    KTItemList copy = dataArray();
+    long total = countTotalItemsInArray(copy), enabled = countTotalEnabledItemsInArray(copy);
+    return KTFormat::str("%i plugin%@, %i enabled", total, total == 1 ? "" : "s", enabled);
+}

@@ -1,0 +1,119 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "catalogue/KTGroupItem.h"
+#include "catalogue/KTItem.h"
+#include "catalogue/KTPluginItem.h"
+#include "catalogue/KTPluginLocations.h"
+
+class AppController;
+class KTOperationQueue;
+
+/// Owner of the catalogue tree: the top-level list `dataArray` of groups and
+/// ungrouped plug-ins, the folder table and the disabled folder. Every change
+/// of the tree takes the recursive tree lock; appends to `dataArray` happen
+/// on the main thread (through KTMainThread), so a view only ever sees the
+/// list change on its own thread. The operations on plug-ins (enable,
+/// disable, scope, groups, removal) extend this class from operations/.
+class OutlineViewController {
+public:
+    explicit OutlineViewController(AppController* appController);
+    ~OutlineViewController();
+    OutlineViewController(const OutlineViewController&) = delete;
+    OutlineViewController& operator=(const OutlineViewController&) = delete;
+
+    AppController* appController() const { return app_; }
+    bool hasGUI() const { return hasGUI_; }
+    void setHasGUI(bool v) { hasGUI_ = v; }
+
+    /// The tree lock: hold it while reading or changing the tree from a
+    /// thread that is not the main thread.
+    std::recursive_mutex& treeLock() { return treeLock_; }
+
+    /// The top-level items (a copy of the list; the items are shared).
+    KTItemList dataArray() const;
+    void clearData();
+    /// Appends to the top level; nothing-values are ignored. Main thread.
+    void addItemToDataArray(const KTItemPtr& item);
+    /// Appends a group or plug-in to the top level.
+    void addChild(const KTItemPtr& item);
+
+    /// The disabled folder, fixed when the controller is made.
+    const std::string& disabledPath() const { return disabledPath_; }
+    /// The folder table, built afresh.
+    KTPluginFolderDict pluginFolderDict() const { return KTPluginLocations::pluginFolderDict(); }
+
+    /// Makes a plug-in item and hangs it in the tree (in its group chain when
+    /// it has a sub-folder); its bundle is read in the background.
+    std::shared_ptr<KTPluginItem> addPlugin(const std::string& fileName, const std::string& shortName,
+                                            const std::optional<std::string>& subdir,
+                                            const std::string& version, std::int64_t pluginType,
+                                            std::int64_t pluginAccess, long long pluginEnabled);
+    /// The top group of a sub-folder's chain below a base folder, made if missing.
+    std::shared_ptr<KTGroupItem> addGroup(const std::string& subdir, const std::string& basePath);
+    /// Hangs a plug-in into the group chain of its sub-folder; answers the
+    /// chain's top group when it was newly made (the caller appends it).
+    std::shared_ptr<KTGroupItem> groupFromPlugin(const std::shared_ptr<KTPluginItem>& item);
+    std::shared_ptr<KTGroupItem> createGroupPath(const std::string& subdir, const std::string& basePath,
+                                                 bool returnLastObject = false,
+                                                 bool* isUnique = nullptr);
+    /// The group whose `subdir` is `subdir`, anywhere in the tree.
+    std::shared_ptr<KTGroupItem> groupMatchingSubdir(const std::string& subdir) const;
+
+    /// The plug-in whose path is `path`, or null. Looked up through an index
+    /// that is rebuilt when the tree changed or an item has moved.
+    std::shared_ptr<KTPluginItem> pluginFromPath(const std::string& path);
+    std::vector<std::shared_ptr<KTPluginItem>> allPlugins() const;
+    std::vector<std::shared_ptr<KTPluginItem>> allPluginsForGroup(const KTGroupItem& group) const;
+
+    /// Rebuilds the visible list from the items matching `text` (all when empty).
+    void search(const std::string& text);
+    /// What the outline shows: the search result, or the whole tree.
+    KTItemList visibleArray() const;
+    const std::string& searchText() const { return searchText_; }
+
+    /// Plug-ins in a list (groups add their plug-ins); counting stops once
+    /// it reaches a positive `stopAt`.
+    static long countTotalItemsInArray(const KTItemList& items, long stopAt = -1);
+    static long countTotalEnabledItemsInArray(const KTItemList& items, long stopAt = -1);
+    /// "%i plugin%@, %i enabled".
+    std::string pluginStatsText() const;
+
+    /// Reads a plug-in's bundle details into it (name, version, architectures).
+    static void populateBundleInfo(KTPluginItem& item);
+    /// Waits until every queued bundle inspection has run.
+    void waitForBundleInspection();
+
+    /// Forgets the lookup indexes (after an operation restructured the tree).
+    void invalidateIndexes();
+    /// Marks a load in progress: group chains are then found through an index.
+    void setLoading(bool loading);
+
+private:
+    std::shared_ptr<KTGroupItem> findChildGroup(const KTItemList& list, const std::string& subdir) const;
+    void rebuildPathIndex();
+
+    AppController* app_;
+    bool hasGUI_ = false;
+    std::string disabledPath_;
+    mutable std::recursive_mutex treeLock_;
+    KTItemList dataArray_;
+    KTItemList filteredArray_;
+    std::string searchText_;
+
+    bool loading_ = false;
+    std::unordered_map<std::string, std::shared_ptr<KTGroupItem>> groupIndex_;
+    std::unordered_map<std::string, std::weak_ptr<KTPluginItem>> pathIndex_;
+    std::atomic<std::uint64_t> treeGeneration_{0};
+    std::uint64_t indexedGeneration_ = ~0ull;
+
+    std::unique_ptr<KTOperationQueue> inspectionQueue_;
+};
