@@ -353,11 +353,12 @@ TEST(KTAuthorizationChild, DISABLED_Elevated) {
     ASSERT_TRUE(helper);
     EXPECT_TRUE(eventually([&] { return exists(dst + "/Contents/x") && !exists(src); }));
     EXPECT_TRUE(auth->authCreateDir(locked + "/Sub/Deeper"));
+    // Launched, not waited for: the caller's pause covers this.
+    EXPECT_TRUE(eventually([&] { return exists(locked + "/Sub/Deeper"); }));
     EXPECT_EQ(auth->authExecTask("/bin/cp", {"-f", "-p", "-R", dst, locked + "/Sub/Copy"}, false), 0);
     EXPECT_TRUE(exists(locked + "/Sub/Copy/Contents/x"));
     EXPECT_TRUE(auth->authTrashFile(locked + "/Old.plugin"));
     EXPECT_TRUE(eventually([&] { return !findName(trash, "Old" + kTimestamp + "\\.plugin").empty(); }));
-    EXPECT_TRUE(eventually([&] { return exists(locked + "/Sub/Deeper"); }));
     EXPECT_EQ(auth->authRef(), helper);  // one elevation for all of them
 
     EXPECT_EQ(auth->authExecTask("/bin/mv", {"-f", "/etc/passwd", "/tmp/x", "/y"}),
