@@ -146,9 +146,13 @@ KTAuthorization::KTAuthorization(bool withGUI) : hasGUI_(withGUI) {
     if (!runningAsRoot() || sudoUser()) userDirectory_ = KTLocalPaths::userDirectory();
 }
 
-KTAuthorization::~KTAuthorization() { authEnd(); }
+KTAuthorization::~KTAuthorization() {
+    authEnd();
+}
 
-bool KTAuthorization::runningAsRoot() { return getuid() == 0 || geteuid() == 0; }
+bool KTAuthorization::runningAsRoot() {
+    return getuid() == 0 || geteuid() == 0;
+}
 
 bool KTAuthorization::hasGUI() const {
     std::lock_guard<std::mutex> guard(lock_);
@@ -176,7 +180,9 @@ bool KTAuthorization::isAuthorized() const {
     return ref && ref->isAlive();
 }
 
-bool KTAuthorization::canAuthorize() const { return hasGUI() || runningAsRoot(); }
+bool KTAuthorization::canAuthorize() const {
+    return hasGUI() || runningAsRoot();
+}
 
 bool KTAuthorization::authStart() {
     // One prompt at a time: a second caller waits and then finds the right held.
@@ -313,7 +319,8 @@ bool KTAuthorization::authTrashFile(const std::string& path, bool deleteOnRootAc
     if (!std::filesystem::exists(trash, ec)) {
         std::filesystem::create_directories(trash, ec);
         if (owner) {
-            for (std::string p = trash; p.size() > userDirectory_.size(); p = p.substr(0, p.rfind('/'))) {
+            for (std::string p = trash; p.size() > userDirectory_.size();
+                 p = p.substr(0, p.rfind('/'))) {
                 int ignored = lchown(p.c_str(), owner->uid, owner->gid);
                 (void)ignored;
             }
@@ -335,9 +342,9 @@ bool KTAuthorization::authTrashFile(const std::string& path, bool deleteOnRootAc
         // user, so the move has to be over before the owner changes.
         if (!exists(path)) return false;
         if (!KTTaskEx::runTask("/bin/mv", {"-f", path, target}) || !exists(target)) return false;
-        KTTaskEx::runTask("/usr/sbin/chown",
-                          {"-R", std::to_string(owner->uid) + ":" + std::to_string(owner->gid),
-                           target});
+        KTTaskEx::runTask(
+            "/usr/sbin/chown",
+            {"-R", std::to_string(owner->uid) + ":" + std::to_string(owner->gid), target});
         writeTrashInfo(target, path, owner);
         return true;
     }

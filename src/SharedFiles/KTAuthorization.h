@@ -30,7 +30,7 @@ class KTPrivilegedHelper;
 /// SUDO_USER: `userDirectory` is recorded, trashed items go into that user's
 /// Trash and are given back to that user.
 class KTAuthorization {
-public:
+  public:
     /// The helper was reached but would not run the request (tool or
     /// arguments outside its list), or the helper went away mid-request.
     static constexpr std::int32_t kStatusRefused = -60031;
@@ -92,7 +92,7 @@ public:
     /// True when the process runs as root (real or effective user id 0).
     static bool runningAsRoot();
 
-private:
+  private:
     explicit KTAuthorization(bool withGUI);
 
     mutable std::mutex lock_;

@@ -172,7 +172,9 @@ struct KTTaskEx::Watchdog {
     std::atomic<bool> cancelled{false};
 };
 
-std::shared_ptr<KTTaskEx> KTTaskEx::create() { return std::shared_ptr<KTTaskEx>(new KTTaskEx()); }
+std::shared_ptr<KTTaskEx> KTTaskEx::create() {
+    return std::shared_ptr<KTTaskEx>(new KTTaskEx());
+}
 
 KTTaskEx::KTTaskEx() = default;
 
@@ -257,8 +259,7 @@ void KTTaskEx::runTaskAndReturn(const std::string& path, const KTTaskArguments& 
     // The handle goes now; the child is reaped in the background.
 }
 
-void KTTaskEx::runTask(const std::string& path, const KTTaskArguments& arguments,
-                       double timeout) {
+void KTTaskEx::runTask(const std::string& path, const KTTaskArguments& arguments, double timeout) {
     create()->runTaskWithTimeout(path, arguments, timeout);
 }
 
@@ -270,8 +271,7 @@ std::optional<std::string> KTTaskEx::stringFromTask(const std::string& path,
 
 std::optional<std::string> KTTaskEx::stringFromTask(const std::string& path,
                                                     const KTTaskArguments& arguments,
-                                                    KTStringEncoding encoding,
-                                                    KTTaskHandle* task) {
+                                                    KTStringEncoding encoding, KTTaskHandle* task) {
     return decodeOrEmpty(dataFromTask(path, arguments, task), encoding);
 }
 
@@ -375,8 +375,9 @@ std::optional<KTData> KTTaskEx::dataFromTaskWithTimeout(const std::string& path,
                                                         double timeout, bool logOutput,
                                                         bool logError) {
     auto watchdog = startWatchdog(timeout);
-    auto result = dataImpl(path, arguments, [this](const KTTaskHandle& t) { handOut(t); },
-                           std::nullopt, logOutput, logError);
+    auto result = dataImpl(
+        path, arguments, [this](const KTTaskHandle& t) { handOut(t); }, std::nullopt, logOutput,
+        logError);
     finishWatchdog(watchdog);
     return result;
 }
@@ -489,7 +490,9 @@ KTTaskHandle KTTaskEx::theTask() const {
     std::lock_guard<std::mutex> guard(lock_);
     return theTask_;
 }
-void KTTaskEx::setTheTask(KTTaskHandle task) { handOut(task); }
+void KTTaskEx::setTheTask(KTTaskHandle task) {
+    handOut(task);
+}
 KTTaskExDelegate* KTTaskEx::delegate() const {
     std::lock_guard<std::recursive_mutex> guard(delegateLock_);
     return delegate_;

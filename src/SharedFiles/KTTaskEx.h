@@ -40,7 +40,7 @@ class KTTaskEx;
 
 /// Receives the output of an asynchronous run, on the runner's own thread.
 class KTTaskExDelegate {
-public:
+  public:
     virtual ~KTTaskExDelegate() = default;
     /// One chunk of output; an empty chunk marks the end. `object` is the
     /// caller's context, or null when none was given.
@@ -66,7 +66,7 @@ using KTTaskExSelector = void (KTTaskExDelegate::*)(const KTData&, KTTaskEx&, co
 /// seconds and fire through the main-thread seam, so a timed run started on
 /// the main thread of the window cannot be cut short.
 class KTTaskEx : public std::enable_shared_from_this<KTTaskEx> {
-public:
+  public:
     static std::shared_ptr<KTTaskEx> create();
     ~KTTaskEx();
     KTTaskEx(const KTTaskEx&) = delete;
@@ -82,8 +82,7 @@ public:
     /// Starts the tool with all output discarded and returns at once.
     static void runTaskAndReturn(const std::string& path, const KTTaskArguments& arguments);
     /// Timed fire-and-wait on a fresh runner.
-    static void runTask(const std::string& path, const KTTaskArguments& arguments,
-                        double timeout);
+    static void runTask(const std::string& path, const KTTaskArguments& arguments, double timeout);
 
     // --- Captured output as text ("" when there was no data; nothing when
     // the bytes do not decode).
@@ -134,9 +133,8 @@ public:
     void runTaskWithTimeout(const std::string& path, const KTTaskArguments& arguments,
                             double timeout);
     std::optional<KTData> dataFromTaskWithTimeout(const std::string& path,
-                                                   const KTTaskArguments& arguments,
-                                                   double timeout, bool logOutput = true,
-                                                   bool logError = true);
+                                                  const KTTaskArguments& arguments, double timeout,
+                                                  bool logOutput = true, bool logError = true);
     std::int32_t terminationCodeFromTaskWithTimeout(const std::string& path,
                                                     const KTTaskArguments& arguments,
                                                     double timeout);
@@ -170,7 +168,7 @@ public:
     /// True for an existing, executable file (after mapping the tool path).
     static bool isExecutable(const std::string& path);
 
-private:
+  private:
     struct Watchdog;
     KTTaskEx();
     std::shared_ptr<Watchdog> startWatchdog(double timeout);

@@ -14,10 +14,11 @@ namespace {
 std::mutex gConnectorLock;
 std::shared_ptr<KTCompanionConnector> gConnector;
 
-std::string processName() { return program_invocation_short_name; }
+std::string processName() {
+    return program_invocation_short_name;
+}
 
-void withCompanion(const char* method,
-                   const std::function<void(KTCompanionCallback&)>& send) {
+void withCompanion(const char* method, const std::function<void(KTCompanionCallback&)>& send) {
     std::shared_ptr<KTCompanionConnector> connector;
     {
         std::lock_guard<std::mutex> guard(gConnectorLock);

@@ -9,7 +9,7 @@
 /// ("postErrorString:userInfo:"); arguments are texts, a dictionary given
 /// as alternating keys and values.
 class KTCompanionCallback {
-public:
+  public:
     virtual ~KTCompanionCallback() = default;
     virtual bool respondsToMessage(const std::string& message) const = 0;
     virtual void sendMessage(const std::string& message,
@@ -19,7 +19,7 @@ public:
 /// Finds a companion's callback object registered under a name on this
 /// machine; null when none runs.
 class KTCompanionConnector {
-public:
+  public:
     virtual ~KTCompanionConnector() = default;
     virtual std::shared_ptr<KTCompanionCallback> lookup(const std::string& name) = 0;
 };
@@ -29,7 +29,7 @@ public:
 /// No transport is installed by default, so every call does nothing and
 /// costs nothing; a D-Bus connector can be installed with `setConnector`.
 class KTTaskNotification {
-public:
+  public:
     static void postIncrementProgress();
     static void postTaskFinished();
     /// An error object, given by its description.

@@ -67,7 +67,7 @@ const std::string kTimestamp = "_[0-9]{14}";
 // In this process, as root (the way CI runs).
 
 class KTAuthorizationRootTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         if (geteuid() != 0) GTEST_SKIP() << "needs root: the tools run directly only as root";
         ensureHelperFolder();
@@ -152,8 +152,8 @@ TEST_F(KTAuthorizationRootTest, TrashCollisionsGetATimeStamp) {
     EXPECT_TRUE(exists(trash + "/Fresh.vst"));
     EXPECT_EQ(ScratchRoot::readFile(trash + "/Foo.plugin/old"), "old");
     // The desktop's Trash can list and restore it.
-    std::string info = ScratchRoot::readFile(scratch.homePath("/.local/share/Trash/info/") + foo +
-                                             ".trashinfo");
+    std::string info =
+        ScratchRoot::readFile(scratch.homePath("/.local/share/Trash/info/") + foo + ".trashinfo");
     EXPECT_NE(info.find("Path=" + scratch.rootPath("/Library/Foo.plugin")), std::string::npos);
 }
 
@@ -187,10 +187,10 @@ TEST(KTHelperPolicyTest, OnlyTheFileToolsWithTheirOwnOptions) {
 
     EXPECT_FALSE(ok({"/usr/bin/id"}));
     EXPECT_FALSE(ok({"/bin/sh", "-c", "id"}));
-    EXPECT_FALSE(ok({"/bin/mv", "-f", "/a", "/b", "/c"}));             // one source only
-    EXPECT_FALSE(ok({"/bin/mv", "--target-directory=/etc", "/a"}));    // foreign option
-    EXPECT_FALSE(ok({"/bin/cp", "-f", "relative", "/b"}));             // operands absolute
-    EXPECT_FALSE(ok({"/bin/cp", "-f", "/a", "-t"}));                   // no option in disguise
+    EXPECT_FALSE(ok({"/bin/mv", "-f", "/a", "/b", "/c"}));           // one source only
+    EXPECT_FALSE(ok({"/bin/mv", "--target-directory=/etc", "/a"}));  // foreign option
+    EXPECT_FALSE(ok({"/bin/cp", "-f", "relative", "/b"}));           // operands absolute
+    EXPECT_FALSE(ok({"/bin/cp", "-f", "/a", "-t"}));                 // no option in disguise
     EXPECT_FALSE(ok({"/bin/rm", "-Rdf", "/"}));
     EXPECT_FALSE(ok({"/bin/rm", "-Rdf", "/usr"}));
     EXPECT_FALSE(ok({"/bin/mv", "-f", "/bin", "/x"}));
@@ -233,7 +233,7 @@ std::string selfPath() {
 /// A sudoers rule letting "nobody" start the helper alone, without a
 /// password; gone with the guard.
 class SudoersRule {
-public:
+  public:
     SudoersRule() : path_("/etc/sudoers.d/ambrel-test-" + std::to_string(getpid())) {
         std::ofstream out(path_);
         out << "nobody ALL=(root) NOPASSWD: " << KTPrivilegedHelper::helperPath() << "\n";
@@ -242,10 +242,11 @@ public:
     }
     ~SudoersRule() { std::remove(path_.c_str()); }
     bool valid() const {
-        return KTTaskEx::terminationCodeFromTask("/usr/sbin/visudo", {"-c", "-q", "-f", path_}) == 0;
+        return KTTaskEx::terminationCodeFromTask("/usr/sbin/visudo", {"-c", "-q", "-f", path_}) ==
+               0;
     }
 
-private:
+  private:
     std::string path_;
 };
 
@@ -274,7 +275,7 @@ std::string runChild(const std::string& scenario, std::map<std::string, std::str
 }
 
 class KTAuthorizationUserTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         if (geteuid() != 0) GTEST_SKIP() << "needs root to act as another user";
         if (!getpwnam("nobody") || !exists("/usr/bin/setpriv") || !exists("/usr/bin/sudo"))
@@ -355,10 +356,12 @@ TEST(KTAuthorizationChild, DISABLED_Elevated) {
     EXPECT_TRUE(auth->authCreateDir(locked + "/Sub/Deeper"));
     // Launched, not waited for: the caller's pause covers this.
     EXPECT_TRUE(eventually([&] { return exists(locked + "/Sub/Deeper"); }));
-    EXPECT_EQ(auth->authExecTask("/bin/cp", {"-f", "-p", "-R", dst, locked + "/Sub/Copy"}, false), 0);
+    EXPECT_EQ(auth->authExecTask("/bin/cp", {"-f", "-p", "-R", dst, locked + "/Sub/Copy"}, false),
+              0);
     EXPECT_TRUE(exists(locked + "/Sub/Copy/Contents/x"));
     EXPECT_TRUE(auth->authTrashFile(locked + "/Old.plugin"));
-    EXPECT_TRUE(eventually([&] { return !findName(trash, "Old" + kTimestamp + "\\.plugin").empty(); }));
+    EXPECT_TRUE(
+        eventually([&] { return !findName(trash, "Old" + kTimestamp + "\\.plugin").empty(); }));
     EXPECT_EQ(auth->authRef(), helper);  // one elevation for all of them
 
     EXPECT_EQ(auth->authExecTask("/bin/mv", {"-f", "/etc/passwd", "/tmp/x", "/y"}),

@@ -15,7 +15,7 @@
 namespace {
 
 class KTTaskExTest : public ::testing::Test {
-protected:
+  protected:
     /// An executable shell script in the scratch folder.
     std::string script(const std::string& name, const std::string& body) {
         std::string path = scratch.base() + "/" + name;
@@ -65,8 +65,7 @@ TEST_F(KTTaskExTest, CaptureReturnsOutputElseErrorText) {
 }
 
 TEST_F(KTTaskExTest, ErrorBeforeChunkedOutputYieldsOnlyTheOutput) {
-    std::string tool =
-        script("abc.sh", "printf a >&2; sleep 0.1; printf b; sleep 0.1; printf c");
+    std::string tool = script("abc.sh", "printf a >&2; sleep 0.1; printf b; sleep 0.1; printf c");
     EXPECT_EQ(KTTaskEx::stringFromTask(tool, {}), "bc");
 }
 
@@ -90,7 +89,7 @@ TEST_F(KTTaskExTest, DecodingFollowsTheEncodingCode) {
     EXPECT_EQ(KTTaskEx::stringFromTask(accented, {}, KTStringEncoding::UTF8), "caf\xc3\xa9");
     EXPECT_EQ(KTTaskEx::decode("\xc3\x28", KTStringEncoding::UTF8), std::nullopt);
     EXPECT_EQ(KTTaskEx::decode("\xed\xa0\x80", KTStringEncoding::UTF8), std::nullopt);  // surrogate
-    EXPECT_EQ(KTTaskEx::decode("\xe2\x82", KTStringEncoding::UTF8), std::nullopt);       // cut short
+    EXPECT_EQ(KTTaskEx::decode("\xe2\x82", KTStringEncoding::UTF8), std::nullopt);      // cut short
 }
 
 TEST_F(KTTaskExTest, TimeOutBelowOneSecondTerminatesAtOnce) {
@@ -132,7 +131,7 @@ TEST_F(KTTaskExTest, ToolPathsMapToThisMachineAndMissingToolsStayMissing) {
 }
 
 class Collector : public KTTaskExDelegate {
-public:
+  public:
     void taskDidReturnData(const KTData& data, KTTaskEx& runner, const std::any* object) override {
         std::lock_guard<std::mutex> guard(lock);
         if (object) context = std::any_cast<int>(*object);
@@ -187,7 +186,7 @@ TEST_F(KTTaskExTest, TerminatedAsyncRunStopsDelivering) {
 }
 
 class FakeCompanion : public KTCompanionCallback, public KTCompanionConnector {
-public:
+  public:
     std::shared_ptr<KTCompanionCallback> lookup(const std::string& name) override {
         lookups.push_back(name);
         return name == registered ? std::shared_ptr<KTCompanionCallback>(this, [](auto*) {})

@@ -69,9 +69,9 @@ bool KTHelperChannel::writeAll(const std::string& bytes) {
     const bool isSocket = fstat(writeFd_, &st) == 0 && S_ISSOCK(st.st_mode);
     while (done < bytes.size()) {
         // A vanished peer must answer an error, not kill us with SIGPIPE.
-        ssize_t n = isSocket ? send(writeFd_, bytes.data() + done, bytes.size() - done,
-                                    MSG_NOSIGNAL)
-                             : ::write(writeFd_, bytes.data() + done, bytes.size() - done);
+        ssize_t n = isSocket
+                        ? send(writeFd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL)
+                        : ::write(writeFd_, bytes.data() + done, bytes.size() - done);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return false;
         done += static_cast<size_t>(n);
@@ -105,8 +105,7 @@ std::optional<KTHelperChannel::Request> KTHelperChannel::readRequest() {
         auto lenLine = readLine();
         if (!lenLine) return std::nullopt;
         auto len = parseNumber(*lenLine);
-        if (!len || *len < 0 || *len > static_cast<long long>(kMaxFieldLength))
-            return std::nullopt;
+        if (!len || *len < 0 || *len > static_cast<long long>(kMaxFieldLength)) return std::nullopt;
         auto field = readExact(static_cast<size_t>(*len));
         if (!field) return std::nullopt;
         r.fields.push_back(std::move(*field));

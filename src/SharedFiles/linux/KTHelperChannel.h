@@ -18,7 +18,7 @@
 /// stream and the helper must never take leftover password lines for a
 /// request.
 class KTHelperChannel {
-public:
+  public:
     static constexpr size_t kMaxFields = 64;
     static constexpr size_t kMaxFieldLength = 4096;
     static constexpr size_t kMaxLineLength = 64;
@@ -42,10 +42,10 @@ public:
     bool sendStatus(std::int32_t status);
     std::optional<std::int32_t> readStatus();
 
-    /// True when the program's end may wait no longer for a line.
+    /// Bounds each wait for data (milliseconds; negative waits for ever).
     void setReadTimeout(int milliseconds) { timeoutMs_ = milliseconds; }
 
-private:
+  private:
     bool fill();
     std::optional<std::string> readExact(size_t n);
 

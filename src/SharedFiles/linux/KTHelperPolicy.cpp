@@ -10,10 +10,10 @@ namespace {
 struct ToolRule {
     const char* tool;
     std::vector<std::string> options;
-    bool leadingWord;   // chown's owner, chmod's mode
+    bool leadingWord;  // chown's owner, chmod's mode
     size_t minPaths, maxPaths;
-    bool guardAll;      // every path operand must not be a system folder
-    bool guardFirst;    // only the first (the source)
+    bool guardAll;    // every path operand must not be a system folder
+    bool guardFirst;  // only the first (the source)
 };
 
 const std::vector<ToolRule>& rules() {
@@ -73,8 +73,7 @@ std::optional<std::string> KTHelperPolicy::refusal(const std::vector<std::string
 
     size_t i = 1;
     while (i < fields.size() && fields[i][0] == '-') {
-        if (std::find(rule->options.begin(), rule->options.end(), fields[i]) ==
-            rule->options.end())
+        if (std::find(rule->options.begin(), rule->options.end(), fields[i]) == rule->options.end())
             return "option " + fields[i] + " is not allowed for " + fields[0];
         ++i;
     }

@@ -10,7 +10,7 @@
 /// disguise), and never a system folder as something to move, remove or
 /// re-own. Kept apart from the helper so that it can be checked unprivileged.
 class KTHelperPolicy {
-public:
+  public:
     /// `fields` = tool (as the program names it, "/bin/mv") then arguments.
     /// Nothing when the request may run, else the reason it may not.
     static std::optional<std::string> refusal(const std::vector<std::string>& fields);

@@ -13,7 +13,7 @@
 /// thread are answered one at a time; destroying it closes the connection,
 /// upon which the helper finishes its tools and exits.
 class KTPrivilegedHelper {
-public:
+  public:
     /// Starts `command` (elevation words followed by the helper's path) and
     /// waits for the helper to report in, which includes the time the person
     /// takes at polkit's prompt. A `password` is fed to the elevation tool
@@ -35,12 +35,11 @@ public:
     /// Runs `tool` (as the program names it) with `arguments`; with `wait`
     /// the answer comes when the tool has ended. 0 launched, -2 no such
     /// tool, KTAuthorization::kStatusRefused refused or helper gone.
-    std::int32_t run(const std::string& tool, const std::vector<std::string>& arguments,
-                     bool wait);
+    std::int32_t run(const std::string& tool, const std::vector<std::string>& arguments, bool wait);
     /// False once the helper has gone away.
     bool isAlive() const;
 
-private:
+  private:
     KTPrivilegedHelper(int fd, KTTaskHandle process) : fd_(fd), process_(std::move(process)) {}
 
     mutable std::mutex lock_;

@@ -18,15 +18,14 @@
 /// a terminate request can never reach a recycled process id. A child still
 /// running when the last handle goes is reaped by a detached thread.
 class KTTaskProcess {
-public:
+  public:
     /// Stream settings for `launch`: a file descriptor, or one of these.
     static constexpr int kInherit = -1;
     static constexpr int kNullDevice = -2;
 
     /// `launchPath` is what the caller named (used in messages); `execPath`
     /// is what is started (the tool's place on this machine).
-    KTTaskProcess(std::string launchPath, std::string execPath,
-                  std::vector<std::string> arguments,
+    KTTaskProcess(std::string launchPath, std::string execPath, std::vector<std::string> arguments,
                   std::optional<std::map<std::string, std::string>> environment = std::nullopt);
     ~KTTaskProcess();
     KTTaskProcess(const KTTaskProcess&) = delete;
@@ -50,7 +49,7 @@ public:
     /// stopped as soon as it starts.
     void terminate();
 
-private:
+  private:
     void reapLocked(int waitStatus);
 
     const std::string launchPath_;

@@ -15,22 +15,14 @@ struct ToolEntry {
 // Debian 12 (merged /usr): the core tools are reachable under both /bin and
 // /usr/bin; /usr/bin is named so that an unmerged system works as well.
 constexpr ToolEntry kTools[] = {
-    {"/bin/mv", "/usr/bin/mv"},
-    {"/bin/cp", "/usr/bin/cp"},
-    {"/bin/rm", "/usr/bin/rm"},
-    {"/bin/mkdir", "/usr/bin/mkdir"},
-    {"/bin/chmod", "/usr/bin/chmod"},
-    {"/usr/sbin/chown", "/usr/bin/chown"},
-    {"/usr/bin/zip", "/usr/bin/zip"},
-    {"/usr/bin/unzip", "/usr/bin/unzip"},
-    {"/usr/bin/xattr", ""},
-    {"/usr/bin/auval", ""},
-    {"/usr/bin/codesign", ""},
-    {"/usr/bin/ditto", ""},
-    {"/usr/bin/xcrun", ""},
-    {"/usr/bin/hdiutil", ""},
-    {"/usr/sbin/spctl", ""},
-    {"/usr/bin/pkgbuild", ""},
+    {"/bin/mv", "/usr/bin/mv"},       {"/bin/cp", "/usr/bin/cp"},
+    {"/bin/rm", "/usr/bin/rm"},       {"/bin/mkdir", "/usr/bin/mkdir"},
+    {"/bin/chmod", "/usr/bin/chmod"}, {"/usr/sbin/chown", "/usr/bin/chown"},
+    {"/usr/bin/zip", "/usr/bin/zip"}, {"/usr/bin/unzip", "/usr/bin/unzip"},
+    {"/usr/bin/xattr", ""},           {"/usr/bin/auval", ""},
+    {"/usr/bin/codesign", ""},        {"/usr/bin/ditto", ""},
+    {"/usr/bin/xcrun", ""},           {"/usr/bin/hdiutil", ""},
+    {"/usr/sbin/spctl", ""},          {"/usr/bin/pkgbuild", ""},
     {"/usr/bin/productbuild", ""},
 };
 
@@ -69,4 +61,6 @@ std::optional<std::string> KTToolPaths::resolve(const std::string& path) {
     return mapped(entry, path);
 }
 
-bool KTToolPaths::isKnownTool(const std::string& path) { return find(path) != nullptr; }
+bool KTToolPaths::isKnownTool(const std::string& path) {
+    return find(path) != nullptr;
+}

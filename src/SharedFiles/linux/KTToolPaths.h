@@ -18,7 +18,7 @@
 /// in place of tools. It is never read unless set, and the helper never
 /// reads it (it runs with a cleared environment).
 class KTToolPaths {
-public:
+  public:
     /// The path to start for `path`, or nothing when the tool is absent here.
     static std::optional<std::string> resolve(const std::string& path);
     /// The same, ignoring AMBREL_TOOL_DIR: what a privileged process may run.

@@ -24,7 +24,9 @@ namespace {
 
 constexpr int kMaxDroppedLines = 16;
 
-void refuse(const std::string& why) { std::fprintf(stderr, "ambrel-helper: refused: %s\n", why.c_str()); }
+void refuse(const std::string& why) {
+    std::fprintf(stderr, "ambrel-helper: refused: %s\n", why.c_str());
+}
 
 }  // namespace
 
@@ -69,9 +71,9 @@ int main() {
             continue;
         }
         std::vector<std::string> args(request->fields.begin() + 1, request->fields.end());
-        auto process = std::make_shared<KTTaskProcess>(tool, *real, args,
-                                                       std::map<std::string, std::string>{
-                                                           {"PATH", "/usr/sbin:/usr/bin:/sbin:/bin"}});
+        auto process = std::make_shared<KTTaskProcess>(
+            tool, *real, args,
+            std::map<std::string, std::string>{{"PATH", "/usr/sbin:/usr/bin:/sbin:/bin"}});
         // The tool must never write into the answer stream.
         int rc = process->launch(KTTaskProcess::kNullDevice, KTTaskProcess::kNullDevice,
                                  KTTaskProcess::kInherit);
