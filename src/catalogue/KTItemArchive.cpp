@@ -16,24 +16,203 @@ using UID = std::uint64_t;
 
 const char* const kNSMutableArray = "NSMutableArray";
 
+/// A binary property list written directly: libplist's writer slows down
+/// badly on archives of thousands of objects. Objects are numbered as they
+/// are made; equal strings, integers and UIDs are written once.
+class BinaryPlistWriter {
+  public:
+    using Ref = std::size_t;
+
+    Ref string(const std::string& s) {
+        if (auto it = strings_.find(s); it != strings_.end()) return it->second;
+        Ref r = add({Kind::String, s, 0, {}});
+        strings_.emplace(s, r);
+        return r;
+    }
+    Ref integer(std::int64_t v) {
+        if (auto it = integers_.find(v); it != integers_.end()) return it->second;
+        Ref r = add({Kind::Integer, {}, v, {}});
+        integers_.emplace(v, r);
+        return r;
+    }
+    Ref uid(std::uint64_t v) {
+        if (auto it = uids_.find(v); it != uids_.end()) return it->second;
+        Ref r = add({Kind::Uid, {}, static_cast<std::int64_t>(v), {}});
+        uids_.emplace(v, r);
+        return r;
+    }
+    Ref array(std::vector<Ref> members) { return add({Kind::Array, {}, 0, std::move(members)}); }
+    /// Keys then values, pairwise.
+    Ref dict(const std::vector<std::pair<Ref, Ref>>& entries) {
+        std::vector<Ref> refs;
+        refs.reserve(entries.size() * 2);
+        for (const auto& e : entries) refs.push_back(e.first);
+        for (const auto& e : entries) refs.push_back(e.second);
+        return add({Kind::Dict, {}, static_cast<std::int64_t>(entries.size()), std::move(refs)});
+    }
+
+    std::string write(Ref top) const {
+        std::string out = "bplist00";
+        const int refSize = bytesFor(objects_.size());
+        std::vector<std::uint64_t> offsets;
+        offsets.reserve(objects_.size());
+        for (const Object& o : objects_) {
+            offsets.push_back(out.size());
+            switch (o.kind) {
+                case Kind::String:
+                    writeString(out, o.text);
+                    break;
+                case Kind::Integer:
+                    writeInteger(out, o.number);
+                    break;
+                case Kind::Uid: {
+                    const auto v = static_cast<std::uint64_t>(o.number);
+                    const int n = bytesFor(v + 1);
+                    out.push_back(static_cast<char>(0x80 | (n - 1)));
+                    appendBigEndian(out, v, n);
+                    break;
+                }
+                case Kind::Array:
+                case Kind::Dict: {
+                    const std::size_t count =
+                        o.kind == Kind::Array ? o.refs.size() : static_cast<std::size_t>(o.number);
+                    writeMarker(out, o.kind == Kind::Array ? 0xA0 : 0xD0, count);
+                    for (Ref r : o.refs) appendBigEndian(out, r, refSize);
+                    break;
+                }
+            }
+        }
+        const std::uint64_t tableOffset = out.size();
+        const int offsetSize = bytesFor(tableOffset + 1);
+        for (std::uint64_t off : offsets) appendBigEndian(out, off, offsetSize);
+        out.append(6, '\0');
+        out.push_back(static_cast<char>(offsetSize));
+        out.push_back(static_cast<char>(refSize));
+        appendBigEndian(out, objects_.size(), 8);
+        appendBigEndian(out, top, 8);
+        appendBigEndian(out, tableOffset, 8);
+        return out;
+    }
+
+  private:
+    enum class Kind { String, Integer, Uid, Array, Dict };
+    struct Object {
+        Kind kind;
+        std::string text;
+        std::int64_t number;
+        std::vector<Ref> refs;
+    };
+
+    Ref add(Object o) {
+        objects_.push_back(std::move(o));
+        return objects_.size() - 1;
+    }
+
+    /// Bytes (1, 2, 4 or 8) that hold every value below `limit`.
+    static int bytesFor(std::uint64_t limit) {
+        if (limit <= 0x100) return 1;
+        if (limit <= 0x10000) return 2;
+        if (limit <= 0x100000000ULL) return 4;
+        return 8;
+    }
+
+    static void appendBigEndian(std::string& out, std::uint64_t v, int n) {
+        for (int i = n - 1; i >= 0; --i) out.push_back(static_cast<char>((v >> (8 * i)) & 0xFF));
+    }
+
+    static void writeInteger(std::string& out, std::int64_t v) {
+        // Only the 8-byte form is signed.
+        const int n = v < 0 ? 8 : bytesFor(static_cast<std::uint64_t>(v) + 1);
+        const int log2 = n == 1 ? 0 : n == 2 ? 1 : n == 4 ? 2 : 3;
+        out.push_back(static_cast<char>(0x10 | log2));
+        appendBigEndian(out, static_cast<std::uint64_t>(v), n);
+    }
+
+    static void writeMarker(std::string& out, int marker, std::size_t count) {
+        if (count < 15) {
+            out.push_back(static_cast<char>(marker | static_cast<int>(count)));
+        } else {
+            out.push_back(static_cast<char>(marker | 0x0F));
+            writeInteger(out, static_cast<std::int64_t>(count));
+        }
+    }
+
+    static void writeString(std::string& out, const std::string& s) {
+        bool ascii = true;
+        for (unsigned char c : s) ascii = ascii && c < 0x80;
+        if (ascii) {
+            writeMarker(out, 0x50, s.size());
+            out += s;
+            return;
+        }
+        std::vector<std::uint16_t> units = utf16(s);
+        writeMarker(out, 0x60, units.size());
+        for (std::uint16_t u : units) appendBigEndian(out, u, 2);
+    }
+
+    /// UTF-8 to UTF-16; a malformed sequence becomes U+FFFD.
+    static std::vector<std::uint16_t> utf16(const std::string& s) {
+        std::vector<std::uint16_t> units;
+        std::size_t i = 0;
+        while (i < s.size()) {
+            const auto c = static_cast<unsigned char>(s[i]);
+            int extra = c < 0x80         ? 0
+                        : (c >> 5) == 6  ? 1
+                        : (c >> 4) == 14 ? 2
+                        : (c >> 3) == 30 ? 3
+                                         : -1;
+            std::uint32_t cp = extra == 0   ? c
+                               : extra == 1 ? c & 0x1F
+                               : extra == 2 ? c & 0x0F
+                                            : c & 0x07;
+            bool ok = extra >= 0;
+            for (int k = 1; ok && k <= extra; ++k) {
+                if (i + k >= s.size()) {
+                    ok = false;
+                    break;
+                }
+                const auto cc = static_cast<unsigned char>(s[i + k]);
+                ok = (cc & 0xC0) == 0x80;
+                cp = (cp << 6) | (cc & 0x3F);
+            }
+            if (!ok || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
+                units.push_back(0xFFFD);
+                ++i;
+                continue;
+            }
+            i += extra + 1;
+            if (cp >= 0x10000) {
+                cp -= 0x10000;
+                units.push_back(static_cast<std::uint16_t>(0xD800 + (cp >> 10)));
+                units.push_back(static_cast<std::uint16_t>(0xDC00 + (cp & 0x3FF)));
+            } else {
+                units.push_back(static_cast<std::uint16_t>(cp));
+            }
+        }
+        return units;
+    }
+
+    std::vector<Object> objects_;
+    std::map<std::string, Ref> strings_;
+    std::map<std::int64_t, Ref> integers_;
+    std::map<std::uint64_t, Ref> uids_;
+};
+
 /// Builds "$objects" in the archiver's order.
 class Encoder {
   public:
-    Encoder() : objects_(plist_new_array()) {
-        plist_array_append_item(objects_, plist_new_string("$null"));
-    }
-    ~Encoder() {
-        if (objects_) plist_free(objects_);
-    }
+    using Ref = BinaryPlistWriter::Ref;
+
+    Encoder() { objects_.push_back(out_.string("$null")); }
 
     UID encodeItemList(const KTItemList& items, const void* identity) {
         if (auto it = byIdentity_.find(identity); identity && it != byIdentity_.end())
             return it->second;
         UID uid = reserve(identity);
-        plist_t list = plist_new_array();
-        for (const KTItemPtr& item : items)
-            plist_array_append_item(list, plist_new_uid(encodeItem(item)));
-        finish(uid, arrayDict(list));
+        std::vector<Ref> members;
+        members.reserve(items.size());
+        for (const KTItemPtr& item : items) members.push_back(out_.uid(encodeItem(item)));
+        finishArray(uid, std::move(members));
         return uid;
     }
 
@@ -41,111 +220,104 @@ class Encoder {
         if (!item) return 0;
         if (auto it = byIdentity_.find(item.get()); it != byIdentity_.end()) return it->second;
         UID uid = reserve(item.get());
-        plist_t dict = plist_new_dict();
-        int key = 0;
-        auto put = [&](plist_t value) {
-            plist_dict_set_item(dict, ("$" + std::to_string(key++)).c_str(), value);
+        std::vector<std::pair<Ref, Ref>> entries;
+        auto put = [&](Ref value) {
+            entries.emplace_back(out_.string(key(entries.size())), value);
         };
+        auto ref = [&](UID u) { return out_.uid(u); };
         const char* className;
         if (item->isGroup()) {
             const auto& group = static_cast<const KTGroupItem&>(*item);
-            put(plist_new_uid(encodeString(group.title())));
-            put(plist_new_uid(encodeItemList(group.children(), group.childrenList().get())));
-            put(plist_new_uid(encodeString(group.subdir())));
-            put(plist_new_uid(encodeString(group.storedGroupPath())));
-            put(plist_new_uid(encodeNumber(group.storedGroupEnabled())));
-            put(plist_new_uid(encodeItem(group.parent())));
+            put(ref(encodeString(group.title())));
+            put(ref(encodeItemList(group.children(), group.childrenList().get())));
+            put(ref(encodeString(group.subdir())));
+            put(ref(encodeString(group.storedGroupPath())));
+            put(ref(encodeNumber(group.storedGroupEnabled())));
+            put(ref(encodeItem(group.parent())));
             className = "KTGroupItem";
         } else {
             const auto& plugin = static_cast<const KTPluginItem&>(*item);
-            put(plist_new_uid(encodeString(plugin.shortName())));
-            put(plist_new_uid(encodeString(plugin.fileName())));
-            put(plist_new_uid(encodeString(plugin.subdir())));
-            put(plist_new_uid(encodeString(plugin.version())));
-            put(plist_new_uid(encodeNumber(plugin.pluginEnabled())));
-            put(plist_new_uid(encodeNumber(plugin.itemSelection())));
-            put(plist_new_uid(encodeStringList(plugin.architectures())));
-            put(plist_new_uint(static_cast<std::uint64_t>(plugin.pluginType())));
-            put(plist_new_uint(static_cast<std::uint64_t>(plugin.pluginAccess())));
+            put(ref(encodeString(plugin.shortName())));
+            put(ref(encodeString(plugin.fileName())));
+            put(ref(encodeString(plugin.subdir())));
+            put(ref(encodeString(plugin.version())));
+            put(ref(encodeNumber(plugin.pluginEnabled())));
+            put(ref(encodeNumber(plugin.itemSelection())));
+            put(ref(encodeStringList(plugin.architectures())));
+            put(out_.integer(plugin.pluginType()));
+            put(out_.integer(plugin.pluginAccess()));
             className = "KTPluginItem";
         }
-        plist_dict_set_item(dict, "$class", plist_new_uid(encodeClass(className)));
-        plist_array_set_item(objects_, dict, static_cast<uint32_t>(uid));
+        entries.emplace_back(out_.string("$class"), out_.uid(encodeClass(className)));
+        objects_[uid] = out_.dict(entries);
         return uid;
     }
 
-    /// The finished archive, with `root` as "$top"'s root; the encoder is spent.
+    /// The finished archive, with `root` as "$top"'s root.
     std::string finish(UID root) {
-        plist_t archive = plist_new_dict();
-        plist_dict_set_item(archive, "$archiver", plist_new_string("NSKeyedArchiver"));
-        plist_dict_set_item(archive, "$version", plist_new_uint(100000));
-        plist_t top = plist_new_dict();
-        plist_dict_set_item(top, "root", plist_new_uid(root));
-        plist_dict_set_item(archive, "$top", top);
-        plist_dict_set_item(archive, "$objects", objects_);
-        objects_ = nullptr;
-        KTPlistPtr owned(archive);
-        return KTPlist::toBinary(archive);
+        Ref top = out_.dict({{out_.string("root"), out_.uid(root)}});
+        Ref objects = out_.array(objects_);
+        Ref archive = out_.dict({{out_.string("$archiver"), out_.string("NSKeyedArchiver")},
+                                 {out_.string("$objects"), objects},
+                                 {out_.string("$top"), top},
+                                 {out_.string("$version"), out_.integer(100000)}});
+        return out_.write(archive);
     }
 
   private:
-    UID append(plist_t node) {
-        plist_array_append_item(objects_, node);
-        return plist_array_get_size(objects_) - 1;
+    static std::string key(std::size_t i) { return "$" + std::to_string(i); }
+
+    UID append(Ref ref) {
+        objects_.push_back(ref);
+        return objects_.size() - 1;
     }
 
     /// Takes the next UID for an object whose contents follow.
     UID reserve(const void* identity) {
-        UID uid = append(plist_new_string("$null"));
+        UID uid = append(0);
         if (identity) byIdentity_[identity] = uid;
         return uid;
     }
 
-    void finish(UID uid, plist_t dict) {
-        plist_dict_set_item(dict, "$class", plist_new_uid(encodeClass(kNSMutableArray)));
-        plist_array_set_item(objects_, dict, static_cast<uint32_t>(uid));
-    }
-
-    static plist_t arrayDict(plist_t list) {
-        plist_t dict = plist_new_dict();
-        plist_dict_set_item(dict, "NS.objects", list);
-        return dict;
+    void finishArray(UID uid, std::vector<Ref> members) {
+        Ref list = out_.array(std::move(members));
+        objects_[uid] =
+            out_.dict({{out_.string("NS.objects"), list},
+                       {out_.string("$class"), out_.uid(encodeClass(kNSMutableArray))}});
     }
 
     UID encodeString(const std::string& s) {
         if (auto it = strings_.find(s); it != strings_.end()) return it->second;
-        return strings_[s] = append(plist_new_string(s.c_str()));
+        return strings_[s] = append(out_.string(s));
     }
     UID encodeString(const std::optional<std::string>& s) { return s ? encodeString(*s) : 0; }
 
     UID encodeNumber(long long n) {
         if (auto it = numbers_.find(n); it != numbers_.end()) return it->second;
-        return numbers_[n] = append(plist_new_uint(static_cast<std::uint64_t>(n)));
+        return numbers_[n] = append(out_.integer(n));
     }
     UID encodeNumber(const std::optional<long long>& n) { return n ? encodeNumber(*n) : 0; }
 
     UID encodeStringList(const std::vector<std::string>& strings) {
         UID uid = reserve(nullptr);
-        plist_t list = plist_new_array();
-        for (const std::string& s : strings)
-            plist_array_append_item(list, plist_new_uid(encodeString(s)));
-        finish(uid, arrayDict(list));
+        std::vector<Ref> members;
+        for (const std::string& s : strings) members.push_back(out_.uid(encodeString(s)));
+        finishArray(uid, std::move(members));
         return uid;
     }
 
     UID encodeClass(const std::string& name) {
         if (auto it = classes_.find(name); it != classes_.end()) return it->second;
-        plist_t dict = plist_new_dict();
-        plist_t chain = plist_new_array();
-        plist_array_append_item(chain, plist_new_string(name.c_str()));
-        if (name == kNSMutableArray) plist_array_append_item(chain, plist_new_string("NSArray"));
-        plist_array_append_item(chain, plist_new_string("NSObject"));
-        plist_dict_set_item(dict, "$classes", chain);
-        plist_dict_set_item(dict, "$classname", plist_new_string(name.c_str()));
+        std::vector<Ref> chain{out_.string(name)};
+        if (name == kNSMutableArray) chain.push_back(out_.string("NSArray"));
+        chain.push_back(out_.string("NSObject"));
+        Ref dict = out_.dict({{out_.string("$classes"), out_.array(std::move(chain))},
+                              {out_.string("$classname"), out_.string(name)}});
         return classes_[name] = append(dict);
     }
 
-    plist_t objects_;
+    BinaryPlistWriter out_;
+    std::vector<Ref> objects_;  // the writer's object for each UID
     std::map<const void*, UID> byIdentity_;
     std::map<std::string, UID> strings_;
     std::map<long long, UID> numbers_;
@@ -157,11 +329,27 @@ class Encoder {
 /// lists are cut.
 class Decoder {
   public:
-    explicit Decoder(plist_t objects) : objects_(objects) {}
+    explicit Decoder(plist_t objects) : objects_(members(objects)) {}
+
+    /// The nodes of an array in one walk (libplist finds an index by walking).
+    static std::vector<plist_t> members(plist_t array) {
+        std::vector<plist_t> out;
+        plist_array_iter iter = nullptr;
+        plist_array_new_iter(array, &iter);
+        if (!iter) return out;
+        for (;;) {
+            plist_t item = nullptr;
+            plist_array_next_item(array, iter, &item);
+            if (!item) break;
+            out.push_back(item);
+        }
+        free(iter);
+        return out;
+    }
 
     plist_t object(UID uid) const {
-        if (uid == 0 || uid >= plist_array_get_size(objects_)) return nullptr;
-        return plist_array_get_item(objects_, static_cast<uint32_t>(uid));
+        if (uid == 0 || uid >= objects_.size()) return nullptr;
+        return objects_[uid];
     }
 
     std::string className(plist_t dict) const {
@@ -228,8 +416,7 @@ class Decoder {
         if (!isArrayObject(uid)) return out;
         plist_t list = plist_dict_get_item(node, "NS.objects");
         if (!list || plist_get_node_type(list) != PLIST_ARRAY) return out;
-        for (uint32_t i = 0; i < plist_array_get_size(list); ++i)
-            out.push_back(uidOf(plist_array_get_item(list, i)));
+        for (plist_t member : members(list)) out.push_back(uidOf(member));
         return out;
     }
 
@@ -298,7 +485,7 @@ class Decoder {
 
   private:
     static constexpr std::size_t kMaxDepth = 256;
-    plist_t objects_;
+    std::vector<plist_t> objects_;
     std::map<UID, KTItemPtr> items_;
     std::map<UID, std::shared_ptr<KTItemList>> lists_;
     std::set<UID> inProgress_;

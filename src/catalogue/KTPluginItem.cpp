@@ -26,11 +26,13 @@ KTPluginItem::KTPluginItem() = default;
 
 KTPluginItem::KTPluginItem(const std::string& fileName, std::int64_t pluginType,
                            std::int64_t pluginAccess, long long pluginEnabled) {
-    setFileName(fileName);
-    setPluginType(pluginType);
-    setPluginAccess(pluginAccess);
-    setPluginEnabled(pluginEnabled);
-    setItemSelection(0);
+    // The setters' path checks would all be overwritten by the assignment
+    // below, so the fields are stored directly.
+    fileName_ = fileName;
+    pluginType_ = pluginType;
+    pluginAccess_ = pluginAccess;
+    pluginEnabled_ = pluginEnabled;
+    itemSelection_ = 0;
     actualPath_ = pluginPath();
     setLockStatus();
 
@@ -158,6 +160,8 @@ std::string KTPluginItem::pluginTypeName() const {
 
 void KTPluginItem::updateActualPath() {
     std::string path = pluginPath();
+    // Equal paths need no look at the disk: either way the result is the same.
+    if (path == actualPath_) return;
     if (!actualPath_.empty() && !KTPluginLocations::fileExists(path)) return;
     actualPath_ = std::move(path);
 }

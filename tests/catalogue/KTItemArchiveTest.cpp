@@ -116,6 +116,7 @@ TEST(KTItemArchiveTest, RoundTripKeepsKindAndScopeAndLosesLockAndParent) {
     auto verb = std::make_shared<KTPluginItem>("Verb.vst3", 12, 1, 1);
     ASSERT_TRUE(verb->isLocked());
     auto odd = std::make_shared<KTPluginItem>("Odd.bundle", -1, 7, 0);
+    odd->setShortName("Flou \xC3\xA9 \xF0\x9F\x98\x80");  // written as UTF-16, one pair surrogate
     auto huge = std::make_shared<KTPluginItem>("Huge.bundle", INT64_MAX, INT64_MIN, 1);
     group->addChild(verb);
 
@@ -134,6 +135,7 @@ TEST(KTItemArchiveTest, RoundTripKeepsKindAndScopeAndLosesLockAndParent) {
     EXPECT_EQ(asPlugin((*back)[1]).pluginType(), -1);
     EXPECT_EQ(asPlugin((*back)[1]).pluginAccess(), 7);
     EXPECT_EQ(asPlugin((*back)[1]).pluginEnabled(), 0);
+    EXPECT_EQ(asPlugin((*back)[1]).shortName(), "Flou \xC3\xA9 \xF0\x9F\x98\x80");
     EXPECT_EQ(asPlugin((*back)[2]).pluginType(), INT64_MAX);
     EXPECT_EQ(asPlugin((*back)[2]).pluginAccess(), INT64_MIN);
 
