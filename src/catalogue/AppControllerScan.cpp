@@ -154,7 +154,10 @@ std::optional<std::vector<std::string>> scanFolder(const std::string& folder, bo
         if (!ext.empty() && ext != "localized" && !KTPluginLocations::isNumeric(ext)) continue;
         if (name == ".localized" || name == ".Disabled") continue;
         if (KTFilePackage::isFilePackage(full) || !isFolder(full)) continue;
-        if (ignoreFxFactory && full.find(".fxfactory.plist") != std::string::npos) continue;
+        if (ignoreFxFactory) {  // a folder another installer manages
+            struct stat marker {};
+            if (::lstat(join(full, ".fxfactory.plist").c_str(), &marker) == 0) continue;
+        }
         // With a link back to an ancestor the walk would never end.
         struct stat entry {};
         if (::lstat(full.c_str(), &entry) == 0 && S_ISLNK(entry.st_mode)) {
