@@ -62,7 +62,7 @@ void KTTaskNotification::postTaskFinished() {
 
 void KTTaskNotification::postDisconnect() {
     withCompanion("+[KTTaskNotification postDisconnect]",
-                  [](KTCompanionCallback& p) { sendIfAnswered(p, "postDisconnect:", {""}); });
+                  [](KTCompanionCallback& p) { sendIfAnswered(p, "postDisconnect", {""}); });
 }
 
 void KTTaskNotification::postTaskError(const std::string& error) {

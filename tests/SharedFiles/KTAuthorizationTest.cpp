@@ -314,8 +314,16 @@ TEST_F(KTAuthorizationUserTest, MovesIntoRootFoldersThroughTheHelper) {
 }
 
 TEST_F(KTAuthorizationUserTest, WithoutElevationNothingIsLost) {
+    // A helper that no sudoers rule names, even one another test wrote meanwhile.
+    const std::string bin = scratch.base() + "/bin";
+    ScratchRoot::makeDirs(bin);
+    fs::copy_file(KTPrivilegedHelper::helperPath(), bin + "/ambrel-helper");
+    chmod(bin.c_str(), 0755);
+    const std::string oldBin = env("AMBREL_BIN");
+    setenv("AMBREL_BIN", bin.c_str(), 1);
     bool passed = false;
     std::string out = runChild("NoElevation", environment, true, &passed);
+    setenv("AMBREL_BIN", oldBin.c_str(), 1);
     EXPECT_TRUE(passed) << out;
     EXPECT_EQ(ScratchRoot::readFile(scratch.homePath("/Glow.plugin/Contents/x")), "glow");
     EXPECT_FALSE(exists(locked + "/Glow.plugin"));
