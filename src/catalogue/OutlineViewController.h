@@ -16,6 +16,7 @@
 
 class AppController;
 class KTOperationQueue;
+class KTOutlineView;
 
 /// Owner of the catalogue tree: the top-level list `dataArray` of groups and
 /// ungrouped plug-ins, the folder table and the disabled folder. Every change
@@ -33,6 +34,10 @@ public:
     AppController* appController() const { return app_; }
     bool hasGUI() const { return hasGUI_; }
     void setHasGUI(bool v) { hasGUI_ = v; }
+
+    /// The window's outline, or null without a window.
+    KTOutlineView* outlineView() const { return outlineView_; }
+    void setOutlineView(KTOutlineView* view) { outlineView_ = view; }
 
     /// The tree lock: hold it while reading or changing the tree from a
     /// thread that is not the main thread.
@@ -102,6 +107,7 @@ private:
     void rebuildPathIndex();
 
     AppController* app_;
+    KTOutlineView* outlineView_ = nullptr;
     bool hasGUI_ = false;
     std::string disabledPath_;
     mutable std::recursive_mutex treeLock_;
