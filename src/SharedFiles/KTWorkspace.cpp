@@ -1,6 +1,7 @@
 #include "SharedFiles/KTWorkspace.h"
 
 #include <mutex>
+#include <vector>
 
 #include "SharedFiles/linux/KTLinuxWorkspace.h"
 
@@ -27,5 +28,9 @@ KTWorkspace& KTWorkspace::shared() {
 
 void KTWorkspace::setShared(std::shared_ptr<KTWorkspace> workspace) {
     std::lock_guard<std::mutex> lock(sharedMutex());
+    // References handed out by shared() stay valid: a replaced workspace is
+    // kept, not freed (only tests replace it, a handful of times).
+    static std::vector<std::shared_ptr<KTWorkspace>> retired;
+    if (sharedSlot()) retired.push_back(sharedSlot());
     sharedSlot() = std::move(workspace);
 }

@@ -27,6 +27,7 @@ class KTWorkspace {
 
     /// The process-wide workspace (the Linux one unless a test replaced it).
     static KTWorkspace& shared();
-    /// Replaces the process-wide workspace; null puts the default back.
+    /// Replaces the process-wide workspace (a test's fake); null puts the
+    /// default back. The replaced one is kept alive for references still held.
     static void setShared(std::shared_ptr<KTWorkspace> workspace);
 };

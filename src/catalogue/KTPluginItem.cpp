@@ -158,8 +158,19 @@ std::string KTPluginItem::pluginTypeName() const {
     return KTPluginLocations::pluginTypeName(pluginType_);
 }
 
+std::string KTPluginItem::actualPath() const {
+    std::lock_guard<std::mutex> lock(detailsMutex_);
+    return actualPath_;
+}
+
+void KTPluginItem::setActualPath(const std::string& v) {
+    std::lock_guard<std::mutex> lock(detailsMutex_);
+    actualPath_ = v;
+}
+
 void KTPluginItem::updateActualPath() {
     std::string path = pluginPath();
+    std::lock_guard<std::mutex> lock(detailsMutex_);
     // Equal paths need no look at the disk: either way the result is the same.
     if (path == actualPath_) return;
     if (!actualPath_.empty() && !KTPluginLocations::fileExists(path)) return;
@@ -168,7 +179,7 @@ void KTPluginItem::updateActualPath() {
 
 void KTPluginItem::setLockStatus() {
     const bool managed = KTPluginLocations::fileExists(
-        KTPluginLocations::appendPathComponent(actualPath_, ".fxfactory.plist"));
+        KTPluginLocations::appendPathComponent(actualPath(), ".fxfactory.plist"));
     if (managed) isLocked_ = true;
     isDeletable_ = !managed;
 }

@@ -21,7 +21,8 @@
 /// The setters of the path-forming fields (and of `itemSelection` and the
 /// parent) re-check `actualPath` before and after storing the new value.
 /// `shortName`, `version` and `architectures` may be written by the item's
-/// inspection thread while the tree's thread reads them; they are guarded.
+/// inspection thread while the tree's thread reads them, and the thread reads
+/// `actualPath` while the tree's thread may change it; these are guarded.
 class KTPluginItem : public KTItem {
   public:
     /// The plain initialiser: empty fields, nothing computed, no thread.
@@ -47,8 +48,9 @@ class KTPluginItem : public KTItem {
     void setVersion(const std::string& v);
     long long pluginEnabled() const { return pluginEnabled_; }
     void setPluginEnabled(long long v);
-    const std::string& actualPath() const { return actualPath_; }
-    void setActualPath(const std::string& v) { actualPath_ = v; }
+    /// A copy: the inspection thread reads it while the tree's thread may move it.
+    std::string actualPath() const;
+    void setActualPath(const std::string& v);
     std::int64_t pluginType() const { return pluginType_; }
     void setPluginType(std::int64_t v);
     std::int64_t pluginAccess() const { return pluginAccess_; }
@@ -100,7 +102,7 @@ class KTPluginItem : public KTItem {
     void waitForBundleInfo();
 
   private:
-    mutable std::mutex detailsMutex_;  // shortName_, version_, architectures_
+    mutable std::mutex detailsMutex_;  // shortName_, version_, architectures_, actualPath_
     std::string shortName_;
     std::string fileName_;
     std::optional<std::string> subdir_;
