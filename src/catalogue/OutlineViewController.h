@@ -85,6 +85,12 @@ public:
     KTItemList visibleArray() const;
     const std::string& searchText() const { return searchText_; }
 
+    /// Sorts the top level by a column's comparator ("colName", "colVersion",
+    /// "colStatus", any other by kind), reversed when descending, and every
+    /// group's children the same way. Main thread.
+    void sortColumnWithIdentifier(const std::string& identifier, bool descending);
+    static KTSortKey sortKeyForColumn(const std::string& identifier);
+
     /// Plug-ins in a list (groups add their plug-ins); counting stops once
     /// it reaches a positive `stopAt`.
     static long countTotalItemsInArray(const KTItemList& items, long stopAt = -1);
