@@ -84,7 +84,8 @@ class KTGroupItem : public KTItem {
 
     /// A copy holding only the plug-ins whose short name contains `text`
     /// (ignoring case) and the filtered copies of sub-groups that kept
-    /// something or whose title contains it. The source is untouched.
+    /// something or whose title contains it; an empty text keeps everything.
+    /// The kept plug-ins are the source's own items; the source is untouched.
     std::shared_ptr<KTGroupItem> groupWithFilteredChildren(const std::string& text) const;
 
   private:
