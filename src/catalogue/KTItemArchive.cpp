@@ -232,7 +232,11 @@ class Encoder {
             put(ref(encodeItemList(group.children(), group.childrenList().get())));
             put(ref(encodeString(group.subdir())));
             put(ref(encodeString(group.storedGroupPath())));
-            put(ref(encodeNumber(group.storedGroupEnabled())));
+            // A group read from an archive carries the state it was stored
+            // with; one from the scan has none stored, so its live state goes out.
+            put(ref(encodeNumber(group.storedGroupEnabled() ? group.storedGroupEnabled()
+                                                            : std::optional<long long>(
+                                                                  group.groupEnabled()))));
             put(ref(encodeItem(group.parent())));
             className = "KTGroupItem";
         } else {
