@@ -13,6 +13,7 @@
 #include "catalogue/KTItem.h"
 #include "catalogue/KTPluginItem.h"
 #include "catalogue/KTPluginLocations.h"
+#include "operations/KTOperationArgs.h"
 
 class AppController;
 class KTOperationQueue;
@@ -102,6 +103,63 @@ public:
     static void populateBundleInfo(KTPluginItem& item);
     /// Waits until every queued bundle inspection has run.
     void waitForBundleInspection();
+
+    // ---- Plug-in operations: enabling and disabling, scope, removal --------
+    // (owned by the operations; bodies in src/operations/OutlineViewController*.cpp)
+
+    /// Moves one plug-in into the disabled folder (`newStatus` 0) or back out
+    /// of it (any other value), on the calling thread. A locked plug-in is
+    /// left where it is and answers true. Redraws the item's row afterwards.
+    bool moveFilter(const std::shared_ptr<KTPluginItem>& item, long long newStatus);
+    /// Moves one file or folder, creating the destination's folder, falling
+    /// back to administrator rights. Never replaces what is at `newPath`;
+    /// a missing source answers true (nothing to move).
+    bool moveFileFrom(const std::string& oldPath, const std::string& newPath);
+    /// After enabling: removes the folders emptied inside the disabled
+    /// folder, from the plug-in's old folder up to the disabled folder itself.
+    void cleanupPluginPath(const std::string& oldDisabledPath);
+    /// Removes a folder that holds nothing but ".DS_Store" files (and, with
+    /// `includeEmptySubfolders`, such folders); never a kind folder or a
+    /// system folder. True when nothing is left at the path.
+    bool removeEmptyFolder(const std::string& folder, bool includeEmptySubfolders);
+    /// Clears the locked flag of the path and of each of its ancestors.
+    static void unlockItemsInPath(const std::string& path);
+
+    /// Enables (non-zero) or disables (0) every plug-in of a group and its
+    /// sub-groups; -1 (mixed) does nothing. `threaded` runs the body on a
+    /// batch thread of the application controller.
+    void setEnabled(long long enabled, const std::shared_ptr<KTGroupItem>& group,
+                    bool showProgress, bool threaded = true);
+    void setEnabledForGroupOnThread(const KTGroupEnabledArgs& args);
+
+    /// Moves a plug-in, or a group's plug-ins, to the folders of a scope
+    /// (0 all users, 1 current user). Avid, Adobe and locked plug-ins are
+    /// never moved. `threaded` runs the body on a batch thread.
+    void setAccess(std::int64_t mode, const KTItemPtr& item, bool showProgress,
+                   bool threaded = true);
+    void setAccessOnThread(const KTSetAccessArgs& args);
+
+    /// The row check boxes ("colStatus", "colUser"), main thread: the core of
+    /// their handlers. The window re-configures its buttons afterwards.
+    void statusCheckBoxChanged(const KTItemPtr& item, long long newValue);
+    void userCheckBoxChanged(const KTItemPtr& item, std::int64_t newValue);
+
+    /// Moves a plug-in to the Trash and takes it out of the tree.
+    bool removePlugin(const std::shared_ptr<KTPluginItem>& item);
+    /// Removes a group's folders from every kind folder and its disabled
+    /// mirror (to the Trash with `removeChildren`, else only where empty),
+    /// then takes the group out of the tree. A group without `subdir` is
+    /// never removed from disk. Always answers false.
+    bool removeGroup(const std::shared_ptr<KTGroupItem>& group, bool removeChildren);
+    /// Trashes every plug-in of a group and its sub-groups; stops at the first failure.
+    bool trashChildPluginsForGroup(const std::shared_ptr<KTGroupItem>& group);
+    /// Takes an item out of the tree (the top level or its group), on the
+    /// main thread; the outline reloads when it was at the top level.
+    void removeItemFromTree(const KTItemPtr& item);
+
+    /// The environment variable named "$USER" (the dollar sign included), or nothing.
+    static std::optional<std::string> currentUser();
+    // ---- end of plug-in operations -------------------------------------------
 
     /// Forgets the lookup indexes (after an operation restructured the tree).
     void invalidateIndexes();

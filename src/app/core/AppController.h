@@ -10,7 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "catalogue/KTItem.h"
 #include "catalogue/KTPluginLocations.h"
+#include "operations/KTBatchThreads.h"
+#include "operations/KTOperationArgs.h"
 
 class OutlineViewController;
 class KTUserInterface;
@@ -104,4 +107,50 @@ private:
     std::mutex reloadThreadsLock_;
     std::condition_variable reloadsDone_;
     int reloadsRunning_ = 0;
+
+    // ---- Plug-in operations: toolbar batches, removal, permission repair ----
+    // (owned by the operations; bodies in src/operations/AppController*.cpp)
+public:
+
+    /// The toolbar's enable/disable action, main thread: disables the
+    /// selected items when the button reads "Disable", else enables them, on
+    /// a batch thread. `selection` holds the selected rows' items in row order.
+    void enableDisable(const KTItemList& selection, const std::string& buttonLabel);
+    void toggleEnableDisableOnThread(const KTToggleArgs& args);
+
+    /// The toolbar's scope action, main thread: moves the selection to the
+    /// current user's folders when the button reads "Current User", else to
+    /// the machine-wide ones, on a batch thread.
+    void toggleUserAccess(const KTItemList& selection, const std::string& buttonLabel);
+    void toggleUserAccessOnThread(const KTToggleArgs& args);
+
+    /// The remove action, main thread: asks "Remove"/"Cancel", then trashes
+    /// the selection on a batch thread.
+    void remove(const KTItemList& selection);
+    void removePluginsOnThread(const KTItemList& items);
+    /// "Delete All": moves everything in the disabled folder to the Trash
+    /// after asking "Delete All"/"Cancel". Without an interface nobody can be
+    /// asked: the caller's request stands, and the messages are printed.
+    void deleteAllDisabled();
+
+    /// At start-up: offers to repair the ownership and modes of the folder
+    /// holding the disabled folder when the user cannot use it.
+    void checkPermissions();
+    /// A path of the old layout (a ".Disabled" folder inside the plug-in
+    /// folder) moved into the disabled folder: the new path, the unchanged
+    /// path, or nothing (see the body for the cases).
+    std::optional<std::string> convertPluginStorageMode(const std::string& path);
+    /// Removes `components` from `list` (one: every occurrence; several: the
+    /// range from the first to the last); answers the list.
+    static std::vector<std::string>& stripComponents(const std::vector<std::string>& components,
+                                                     std::vector<std::string>& list);
+
+    /// Waits for every batch thread started so far (before shutdown, in tests).
+    void waitForBatchOperations() { batchThreads_.waitForAll(); }
+    KTBatchThreads& batchThreads() { return batchThreads_; }
+
+private:
+    // Last member: destroyed first, so no batch outlives the tree it works on.
+    KTBatchThreads batchThreads_;
+    // ---- end of plug-in operations -------------------------------------------
 };

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 
 #include "SharedFiles/KTLog.h"
 #include "app/core/AppController.h"
@@ -35,7 +36,16 @@ std::string KTCommandLine::usage() {
     return "usage: ambrel                          open the window\n"
            "       ambrel -allplugins [-data|-plist]\n"
            "                                       list every plug-in path, enabled first;\n"
-           "                                       -data writes the catalogue as a keyed archive\n";
+           "                                       -data writes the catalogue as a keyed archive\n"
+           "       ambrel -enable [name]           enable the plug-ins named name (a file name,\n"
+           "                                       or any path ending in it); without a name,\n"
+           "                                       every disabled plug-in\n"
+           "       ambrel -disable [name]          disable them; without a name, every plug-in\n"
+           "       ambrel -remove [name]           move them to the Trash; WITHOUT A NAME EVERY\n"
+           "                                       PLUG-IN IS MOVED TO THE TRASH\n"
+           "       ambrel -setaccess scope [name]  move them to the folders of a scope: 0 all\n"
+           "                                       users, 1 current user; without a name, every\n"
+           "                                       plug-in\n";
 }
 
 int KTCommandLine::run(const std::vector<std::string>& args) {
@@ -46,7 +56,12 @@ int KTCommandLine::run(const std::vector<std::string>& args) {
 
     const std::string& verb = args.at(0);
     if (verb == "-allplugins") return allPlugins(*app, args);
-    return 0;
+    int status = 0;
+    if (verb == "-enable" || verb == "-disable" || verb == "-remove") status = pluginVerb(*app, args);
+    if (verb == "-setaccess") status = setAccess(*app, args);
+    // Everything the verb logged is on disk before the process ends.
+    KTLog::finishWriting();
+    return status;
 }
 
 int KTCommandLine::allPlugins(AppController& app, const std::vector<std::string>& args) {
@@ -61,5 +76,49 @@ int KTCommandLine::allPlugins(AppController& app, const std::vector<std::string>
     std::string out;
     for (const auto& path : app.listPlugins(true, false)) out += path + "\n";
     writeAll(out);
+    return 0;
+}
+
+namespace {
+/// The last component of a name or path, as the verbs compare names.
+std::string lastComponent(std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    const auto slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+}  // namespace
+
+int KTCommandLine::pluginVerb(AppController& app, const std::vector<std::string>& args) {
+    const std::string& verb = args[0];
+    const std::optional<std::string> name =
+        args.size() > 1 ? std::optional<std::string>(lastComponent(args[1])) : std::nullopt;
+    OutlineViewController& outline = app.outlineViewController();
+    for (const auto& path : app.listPlugins(true)) {
+        auto item = outline.pluginFromPath(path);
+        if (!item) continue;
+        if (name && *name != item->fileName()) continue;
+        if (verb == "-remove") {
+            outline.removePlugin(item);
+        } else {
+            outline.moveFilter(item, verb == "-enable" ? 1 : 0);
+        }
+    }
+    return 0;
+}
+
+int KTCommandLine::setAccess(AppController& app, const std::vector<std::string>& args) {
+    if (args.size() < 2) {
+        KTLog::appendLog("Invalid argument count");
+        return 1;
+    }
+    // Read as the platform reads an integer: leading digits, anything else 0.
+    const std::int64_t scope = std::strtoll(args[1].c_str(), nullptr, 10);
+    const std::optional<std::string> name =
+        args.size() > 2 ? std::optional<std::string>(lastComponent(args[2])) : std::nullopt;
+    OutlineViewController& outline = app.outlineViewController();
+    for (const auto& path : app.listPlugins(true)) {
+        if (name && *name != lastComponent(path)) continue;
+        if (auto item = outline.pluginFromPath(path)) outline.setAccess(scope, item, false, false);
+    }
     return 0;
 }

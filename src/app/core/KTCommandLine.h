@@ -24,4 +24,9 @@ public:
 
 private:
     static int allPlugins(AppController& app, const std::vector<std::string>& args);
+    /// "-enable", "-disable", "-remove": every listed plug-in, or those whose
+    /// file name is the last component of the name argument.
+    static int pluginVerb(AppController& app, const std::vector<std::string>& args);
+    /// "-setaccess scope [name]".
+    static int setAccess(AppController& app, const std::vector<std::string>& args);
 };

@@ -1,0 +1,107 @@
+#include "operations/KTOperationSupport.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "SharedFiles/KTMainThread.h"
+#include "SharedFiles/KTTaskNotification.h"
+#include "app/core/AppController.h"
+#include "catalogue/KTPluginLocations.h"
+
+namespace KTOperationSupport {
+
+bool hasInterface(const AppController* app) {
+    return app && app->hasGUI() && app->userInterface();
+}
+
+void onMain(const std::function<void()>& work) {
+    KTMainThread::shared().runAndWait(work);
+}
+
+void onMainNoWait(std::function<void()> work) {
+    KTMainThread::shared().post(std::move(work));
+}
+
+void postAndLog(const std::string& text) {
+    KTTaskNotification::postTaskErrorString(text);
+    KTLog::appendLog("%@", text);
+}
+
+int ask(const AppController* app, const KTAlert& question) {
+    if (!hasInterface(app)) return -1;
+    int answer = -1;
+    onMain([&] { answer = app->userInterface()->runAlert(question); });
+    return answer;
+}
+
+void alert(const AppController* app, const std::string& message, const std::string& informative) {
+    if (!hasInterface(app)) return;
+    onMain([&] { app->userInterface()->runAlert({message, informative, {}}); });
+}
+
+void tell(const AppController* app, const std::string& message, const std::string& informative) {
+    if (hasInterface(app)) {
+        alert(app, message, informative);
+    } else {
+        KTLog::appendLogAndPrint("%@ %@", message, informative);
+    }
+}
+
+bool exists(const std::string& path) {
+    struct stat st {};
+    return !path.empty() && ::lstat(path.c_str(), &st) == 0;
+}
+
+bool isDirectory(const std::string& path) {
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool isWritable(const std::string& path) {
+    return ::access(path.c_str(), W_OK) == 0;
+}
+
+bool isDeletable(const std::string& path) {
+    const std::string parent = parentOf(path);
+    if (::access(parent.c_str(), W_OK | X_OK) != 0) return false;
+    // In a sticky folder only the owner (or root) may take an entry away.
+    struct stat folder {
+    }, item{};
+    if (::stat(parent.c_str(), &folder) == 0 && (folder.st_mode & S_ISVTX) &&
+        ::lstat(path.c_str(), &item) == 0) {
+        const uid_t me = ::geteuid();
+        return me == 0 || item.st_uid == me || folder.st_uid == me;
+    }
+    return true;
+}
+
+std::string parentOf(const std::string& path) {
+    return KTPluginLocations::deletingLastPathComponent(path);
+}
+
+std::string lastComponent(const std::string& path) {
+    std::string p = path;
+    while (p.size() > 1 && p.back() == '/') p.pop_back();
+    if (p == "/") return "";
+    const auto slash = p.rfind('/');
+    return slash == std::string::npos ? p : p.substr(slash + 1);
+}
+
+std::vector<std::string> pathComponents(const std::string& path) {
+    std::vector<std::string> out;
+    if (!path.empty() && path[0] == '/') out.push_back("/");
+    std::size_t start = 0;
+    while (start <= path.size()) {
+        std::size_t end = path.find('/', start);
+        if (end == std::string::npos) end = path.size();
+        if (end > start) out.push_back(path.substr(start, end - start));
+        start = end + 1;
+    }
+    return out;
+}
+
+bool startsWith(const std::string& text, const std::string& prefix) {
+    return text.size() >= prefix.size() && text.compare(0, prefix.size(), prefix) == 0;
+}
+
+}  // namespace KTOperationSupport
