@@ -157,7 +157,9 @@ std::string versionText(Random& rng) {
 std::string uniqueName(Random& rng, const Bucket& b, std::set<std::string>& used) {
     const auto& words = b.audio ? gen::audioWords() : gen::videoWords();
     std::string name;
-    if (rng.chance(4)) {
+    // Not for templates: the scan looks inside "Name 2.5" for "Name 2.moti",
+    // so such a template would show as an empty group.
+    if (b.shape != Shape::Template && rng.chance(4)) {
         name = rng.pick(words) + " " + std::to_string(1 + rng.below(4)) + "." +
                std::to_string(rng.below(10));
     } else if (rng.chance(50)) {
@@ -319,6 +321,14 @@ void generateBucket(Context& ctx, const Bucket& b, std::size_t count, Random rng
     const std::string base = kindFolder(ctx, b);
     const std::vector<std::string> groups = makeGroups(rng, b, count);
     std::map<std::string, std::set<std::string>> usedNames;  // per group folder
+    for (const std::string& g : groups) {
+        // A template must not take a group folder's name (plug-ins have extensions).
+        const auto slash = g.find_last_of('/');
+        if (slash == std::string::npos)
+            usedNames[""].insert(g);
+        else
+            usedNames[g.substr(0, slash)].insert(g.substr(slash + 1));
+    }
     std::set<std::string> usedGroups;
 
     for (std::size_t i = 0; i < count; ++i) {

@@ -189,14 +189,15 @@ TEST_F(DemoTreeTest, DemoTreeHoldsEveryShapeTheCatalogueMeets) {
     EXPECT_TRUE(localized);
     EXPECT_TRUE(numeric);
 
-    // Motion templates: a folder named after its document, with a Media folder.
+    // Motion templates: a folder holding a document named as the scan looks
+    // for it (the folder's name less any extension), and a Media folder.
     std::size_t templates = 0;
     for (const auto& e : entries) {
         if (e.kind != KTPluginType::MotionTemplate) continue;
         const fs::path folder(e.path);
         bool hasDocument = false;
         for (const char* ext : {".moti", ".motn", ".moef", ".motr"})
-            hasDocument |= fs::is_regular_file(folder / (folder.filename().string() + ext));
+            hasDocument |= fs::is_regular_file(folder / (folder.stem().string() + ext));
         EXPECT_TRUE(hasDocument) << e.path;
         EXPECT_TRUE(fs::is_directory(folder / "Media")) << e.path;
         ++templates;
