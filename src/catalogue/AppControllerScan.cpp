@@ -320,6 +320,7 @@ void AppController::loadPluginData() {
         std::error_code ec;
         if (!std::filesystem::exists(disabled, ec)) std::filesystem::create_directories(disabled, ec);
 
+        KTPluginLocations::FolderCache folderCache;
         std::vector<std::string> paths = listFilteredPlugins(true, true);
         const int filter = static_cast<int>(KTPreferences::standard().integerForKey("filter"));
         const KTPluginFolderDict dict = KTPluginLocations::pluginFolderDict();

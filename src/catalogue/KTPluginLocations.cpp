@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <mutex>
 #include <filesystem>
 #include <functional>
 #include <regex>
@@ -81,8 +82,38 @@ std::string KTPluginLocations::disabledPath() {
     return appendPathComponent(KTLocalPaths::appSupportDirectory(false), kDisabledSubpath);
 }
 
+namespace {
+std::mutex gFolderCacheLock;
+int gFolderCacheDepth = 0;
+std::optional<std::string> gCachedAdobeFolder;  // without the trailing slash
+}  // namespace
+
+KTPluginLocations::FolderCache::FolderCache() {
+    std::lock_guard<std::mutex> l(gFolderCacheLock);
+    ++gFolderCacheDepth;
+}
+
+KTPluginLocations::FolderCache::~FolderCache() {
+    std::lock_guard<std::mutex> l(gFolderCacheLock);
+    if (--gFolderCacheDepth == 0) gCachedAdobeFolder.reset();
+}
+
 std::string KTPluginLocations::adobeFolder(bool trailingSlash) {
-    const std::string slash = trailingSlash ? "/" : "";
+    {
+        std::lock_guard<std::mutex> l(gFolderCacheLock);
+        if (gFolderCacheDepth > 0 && gCachedAdobeFolder)
+            return *gCachedAdobeFolder + (trailingSlash ? "/" : "");
+    }
+    std::string found = findAdobeFolder();
+    {
+        std::lock_guard<std::mutex> l(gFolderCacheLock);
+        if (gFolderCacheDepth > 0) gCachedAdobeFolder = found;
+    }
+    return found + (trailingSlash ? "/" : "");
+}
+
+std::string KTPluginLocations::findAdobeFolder() {
+    const std::string slash;
     const std::string localSupport = KTLocalPaths::appSupportDirectory(false);
     const std::string common = localSupport + kAdobeCommon;
 

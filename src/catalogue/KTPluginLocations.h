@@ -90,6 +90,19 @@ class KTPluginLocations {
     /// chosen afresh from the machine-wide folders and installed Premiere
     /// versions. `trailingSlash` gives the folder-table form.
     static std::string adobeFolder(bool trailingSlash = false);
+    /// The Adobe folder read from the disk, without a trailing slash.
+    static std::string findAdobeFolder();
+
+    /// While one is alive the Adobe folder is worked out once and then
+    /// remembered: a catalogue load forms thousands of paths, and the folder
+    /// cannot change under it in a way the load could follow anyway.
+    class FolderCache {
+    public:
+        FolderCache();
+        ~FolderCache();
+        FolderCache(const FolderCache&) = delete;
+        FolderCache& operator=(const FolderCache&) = delete;
+    };
 
     /// The folder table, built afresh (the workspace's application list is
     /// refreshed first, once per build).
