@@ -451,13 +451,26 @@ void KTTaskEx::launchAsyncTask() {
 }
 
 void KTTaskEx::asyncTaskReturnData(const KTData& data) {
-    {
+    if (!data.empty()) {
         std::lock_guard<std::recursive_mutex> guard(delegateLock_);
         if (delegate_ && selector_) {
             (delegate_->*selector_)(data, *this, object_.has_value() ? &object_ : nullptr);
         }
+        return;
     }
-    if (data.empty()) terminateAsyncTask();
+    // The end: the runner is idle again before the delegate hears of it, so
+    // the delegate may start the next run from its callback.
+    KTTaskExDelegate* delegate;
+    KTTaskExSelector selector;
+    std::any object;
+    {
+        std::lock_guard<std::recursive_mutex> guard(delegateLock_);
+        delegate = delegate_;
+        selector = selector_;
+        object = object_;
+    }
+    terminateAsyncTask();
+    if (delegate && selector) (delegate->*selector)(data, *this, object.has_value() ? &object : nullptr);
 }
 
 void KTTaskEx::terminateAsyncTask() {
