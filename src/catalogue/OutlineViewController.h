@@ -13,6 +13,7 @@
 #include "catalogue/KTItem.h"
 #include "catalogue/KTPluginItem.h"
 #include "catalogue/KTPluginLocations.h"
+#include "operations/KTInstallArgs.h"
 #include "operations/KTOperationArgs.h"
 
 class AppController;
@@ -160,6 +161,44 @@ public:
     /// The environment variable named "$USER" (the dollar sign included), or nothing.
     static std::optional<std::string> currentUser();
     // ---- end of plug-in operations -------------------------------------------
+
+    // ---- Plug-in operations: groups ----------------------------------------
+    // (bodies in src/operations/OutlineViewControllerGroups.cpp)
+
+    /// The first of "Group", "Group 2", "Group 3", ... that does not exist in
+    /// `folder`.
+    static std::string proposeGroupFilename(const std::string& folder);
+    /// A group name as typed in the outline, made safe for a folder name:
+    /// one leading dot dropped ("..x" -> ".x"), every "/", "\\" and "~"
+    /// removed. Nothing for an empty name or a lone ".".
+    static std::optional<std::string> validateFilename(const std::optional<std::string>& name);
+    /// The outline level of an item: 0 at the top level, one more per group above it.
+    static int outlineLevel(const KTItemPtr& item);
+    /// The places a group's folder can exist, in visiting order: the twelve
+    /// kind folders (Quartz Composer is not among them) under the machine-wide
+    /// and the user's domain, first as they are, then mirrored below the
+    /// disabled folder, each joined with `subdir`.
+    static std::vector<std::string> groupFolderCandidates(const std::string& subdir);
+    /// Renames the group's folder wherever it exists, then the group and the
+    /// `subdir` of its members. False when the name is unchanged (nothing to
+    /// do) or a folder could not be moved (those moved before keep the new name).
+    bool renameGroup(const std::shared_ptr<KTGroupItem>& group, const std::string& newName);
+    /// Moves a plug-in, or a group's folder, into the target group's folder
+    /// (`target` null: the top level of its kind folder). Asks before an item
+    /// of the same name is replaced (it goes to the Trash); without an
+    /// interface nobody can say "Overwrite" and the move is refused. A locked
+    /// plug-in stays and answers true. Sets the item's `subdir` and parent link;
+    /// the caller reloads the catalogue for the rest of the tree.
+    bool moveItem(const KTItemPtr& item, const std::shared_ptr<KTGroupItem>& target);
+    /// Moves everything inside `group` into a same-named group below `target`,
+    /// sub-groups recursively; stops at the first failure.
+    bool moveChildrenOfItem(const std::shared_ptr<KTGroupItem>& group,
+                            const std::shared_ptr<KTGroupItem>& target);
+    /// The body of a drop of rows on a group or the top level (run on its own
+    /// thread by the window): moves each dragged item once (items inside a
+    /// dragged group go with it), then reloads the catalogue.
+    void reorderPluginsOnThread(const KTReorderArgs& args);
+    // ---- end of groups --------------------------------------------------------
 
     /// Forgets the lookup indexes (after an operation restructured the tree).
     void invalidateIndexes();

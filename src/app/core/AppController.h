@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -13,8 +14,10 @@
 #include "catalogue/KTItem.h"
 #include "catalogue/KTPluginLocations.h"
 #include "operations/KTBatchThreads.h"
+#include "operations/KTInstallArgs.h"
 #include "operations/KTOperationArgs.h"
 
+class KTGroupItem;
 class OutlineViewController;
 class KTUserInterface;
 
@@ -107,6 +110,64 @@ private:
     std::mutex reloadThreadsLock_;
     std::condition_variable reloadsDone_;
     int reloadsRunning_ = 0;
+
+    // ---- Plug-in operations: groups and installing -------------------------
+    // (bodies in src/operations/AppControllerGroups.cpp, AppControllerInstall.cpp)
+public:
+    /// The add-group action, main thread: a new folder "Group" (or "Group 2",
+    /// ...) in the group of `selected` (a plug-in's own group), or at the top
+    /// level without a selection. Refused at outline level 10 and deeper.
+    /// Answers the new group, already in the tree; the window then re-sorts,
+    /// selects it and starts editing its name (the edit ends in `renameGroup`).
+    std::shared_ptr<KTGroupItem> addGroup(const KTItemPtr& selected);
+
+    /// Files opened with the application: the list to install. The contents
+    /// of a built installer's "/PluginStructure" folder are reduced to the
+    /// outermost plug-ins (the folder tree itself is left out).
+    std::vector<std::string> installListForOpenedFiles(const std::vector<std::string>& files);
+    /// `application:openFiles:`: the list above handed to `displayInstallPrompt`.
+    void applicationOpenFiles(const std::vector<std::string>& files);
+
+    /// Stores `fileList` as the pending install list and decides whether to
+    /// ask for the scope. Answers true when the window must show its scope
+    /// sheet (with `installPromptText()`; its end calls
+    /// `installPromptSheetDidEnd`); false when the installation was started
+    /// at once with the scope as it stands, or when there is no list.
+    bool displayInstallPrompt(const std::optional<std::vector<std::string>>& fileList);
+    /// "Would you like to make this plugin / these plugins available to all
+    /// users or just the current user?" for the pending list.
+    std::string installPromptText() const { return installPromptText_; }
+    /// The scope sheet ended: `returnCode` 1 (Install) with a pending list
+    /// starts the installation on a thread of its own; `radioTag` 0 means the
+    /// current user, any other value all users, nothing keeps the scope.
+    void installPromptSheetDidEnd(int returnCode, std::optional<int> radioTag = std::nullopt);
+    /// How the installation learns the window's selected row (its group is
+    /// the target); without one nothing is selected.
+    void setSelectedItemProvider(std::function<KTItemPtr()> provider);
+    /// Replaces the pending install list (main thread).
+    void updateInstallList(const std::vector<std::string>& list);
+
+    /// The install request's thread body: progress shown, the installation,
+    /// the counts refreshed, progress hidden.
+    void installPlugins(const KTInstallArgs& args);
+    /// Installs each path into the folder its kind and the scope choose
+    /// (`forUser`: the current user), inside the group of `item` when given.
+    /// Asks before overwriting (the old copy goes to the Trash); falls back
+    /// to administrator rights when a copy fails; sums up the failures at the
+    /// end and reloads the catalogue, both only with `reload`. Answers the
+    /// paths that were not installed.
+    std::vector<std::string> installPlugins(const std::vector<std::string>& paths,
+                                            const KTItemPtr& item, bool forUser,
+                                            bool showProgress, bool reload = true);
+    /// The number of progress steps an installation of `paths` takes: one per
+    /// path, plus the entries of plain folders (which become groups).
+    static long countTotalFilesInPathArray(const std::vector<std::string>& paths);
+
+private:
+    std::string installPromptText_;
+    std::mutex selectionLock_;
+    std::function<KTItemPtr()> selectedItemProvider_;
+    // ---- end of groups and installing ----------------------------------------
 
     // ---- Plug-in operations: toolbar batches, removal, permission repair ----
     // (owned by the operations; bodies in src/operations/AppController*.cpp)

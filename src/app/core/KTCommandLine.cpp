@@ -43,6 +43,8 @@ std::string KTCommandLine::usage() {
            "       ambrel -disable [name]          disable them; without a name, every plug-in\n"
            "       ambrel -remove [name]           move them to the Trash; WITHOUT A NAME EVERY\n"
            "                                       PLUG-IN IS MOVED TO THE TRASH\n"
+           "       ambrel -install [-all] path     install a plug-in file or folder for the current\n"
+           "                                       user, or with -all for all users\n"
            "       ambrel -setaccess scope [name]  move them to the folders of a scope: 0 all\n"
            "                                       users, 1 current user; without a name, every\n"
            "                                       plug-in\n";
@@ -59,6 +61,7 @@ int KTCommandLine::run(const std::vector<std::string>& args) {
     int status = 0;
     if (verb == "-enable" || verb == "-disable" || verb == "-remove") status = pluginVerb(*app, args);
     if (verb == "-setaccess") status = setAccess(*app, args);
+    if (verb == "-install") status = install(*app, args);
     // Everything the verb logged is on disk before the process ends.
     KTLog::finishWriting();
     return status;
@@ -120,5 +123,16 @@ int KTCommandLine::setAccess(AppController& app, const std::vector<std::string>&
         if (name && *name != lastComponent(path)) continue;
         if (auto item = outline.pluginFromPath(path)) outline.setAccess(scope, item, false, false);
     }
+    return 0;
+}
+
+int KTCommandLine::install(AppController& app, const std::vector<std::string>& args) {
+    if (args.size() < 2) return 0;
+    // Two extra words: the path is the last and only "-all" changes the
+    // scope; the other word is not looked at. More words: the first is the path.
+    const std::string& path = args.size() == 3 ? args[2] : args[1];
+    const bool forUser = !(args.size() == 3 && args[1] == "-all");
+    app.installPlugins(std::vector<std::string>{path}, nullptr, forUser, false);
+    app.waitForReload();
     return 0;
 }

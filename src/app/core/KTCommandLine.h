@@ -29,4 +29,6 @@ private:
     static int pluginVerb(AppController& app, const std::vector<std::string>& args);
     /// "-setaccess scope [name]".
     static int setAccess(AppController& app, const std::vector<std::string>& args);
+    /// "-install [-all] path": one path, for the current user unless "-all".
+    static int install(AppController& app, const std::vector<std::string>& args);
 };
