@@ -96,18 +96,23 @@ std::shared_ptr<KTPluginItem> OutlineViewController::addPlugin(
     const std::string& fileName, const std::string& shortName,
     const std::optional<std::string>& subdir, const std::string& version, std::int64_t pluginType,
     std::int64_t pluginAccess, long long pluginEnabled) {
-    std::lock_guard<std::recursive_mutex> l(treeLock_);
     auto item = std::make_shared<KTPluginItem>(fileName, pluginType, pluginAccess, pluginEnabled);
-    item->setVersion(version);
-    item->setShortName(shortName);
-    item->setSubdir(subdir);
-    if (!subdir || subdir->empty()) {
-        KTMainThread::shared().runAndWait([&] { addItemToDataArray(item); });
-    } else if (auto top = groupFromPlugin(item)) {
-        KTMainThread::shared().runAndWait([&] { addItemToDataArray(top); });
+    KTItemPtr toAppend;
+    {
+        std::lock_guard<std::recursive_mutex> l(treeLock_);
+        item->setVersion(version);
+        item->setShortName(shortName);
+        item->setSubdir(subdir);
+        if (!subdir || subdir->empty())
+            toAppend = item;
+        else
+            toAppend = groupFromPlugin(item);
+        item->setLockStatus();
+        ++treeGeneration_;
     }
-    item->setLockStatus();
-    ++treeGeneration_;
+    // Not under the tree lock: the main thread takes it to append, and a
+    // window's main thread is another thread than this one.
+    if (toAppend) KTMainThread::shared().runAndWait([&] { addItemToDataArray(toAppend); });
 
     // Details fill in later; an item dropped meanwhile is simply skipped.
     std::weak_ptr<KTPluginItem> weak = item;
@@ -129,9 +134,12 @@ void OutlineViewController::waitForBundleInspection() { inspectionQueue_->waitUn
 
 std::shared_ptr<KTGroupItem> OutlineViewController::addGroup(const std::string& subdir,
                                                              const std::string& basePath) {
-    std::lock_guard<std::recursive_mutex> l(treeLock_);
     bool isUnique = false;
-    auto top = createGroupPath(subdir, basePath, false, &isUnique);
+    std::shared_ptr<KTGroupItem> top;
+    {
+        std::lock_guard<std::recursive_mutex> l(treeLock_);
+        top = createGroupPath(subdir, basePath, false, &isUnique);
+    }
     if (top && isUnique) KTMainThread::shared().runAndWait([&] { addItemToDataArray(top); });
     return top;
 }

@@ -1,0 +1,607 @@
+#include "app/window/KTMainWindow.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QComboBox>
+#include <QEventLoop>
+#include <QHeaderView>
+#include <QItemSelectionModel>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMenuBar>
+#include <QMessageBox>
+#include <QPrintDialog>
+#include <QPrinter>
+#include <QProgressBar>
+#include <QStatusBar>
+#include <QStyle>
+#include <QTextDocument>
+#include <QTimer>
+#include <QToolBar>
+#include <QTreeView>
+#include <algorithm>
+#include <functional>
+#include <thread>
+
+#include "SharedFiles/KTLog.h"
+#include "SharedFiles/KTMainThread.h"
+#include "SharedFiles/KTPreferences.h"
+#include "app/core/AppController.h"
+#include "app/window/KTOutlineModel.h"
+#include "app/window/KTQtUserInterface.h"
+#include "app/window/KTTreeLockGuard.h"
+#include "catalogue/KTGroupItem.h"
+#include "catalogue/KTPluginItem.h"
+#include "catalogue/OutlineViewController.h"
+#include "installer/KTPluginListExport.h"
+
+namespace {
+
+QString qs(const std::string& s) {
+    return QString::fromStdString(s);
+}
+
+/// The operations call the outline from their own threads too: the view is
+/// only ever touched on the main thread.
+void onMain(const std::function<void()>& work) {
+    KTMainThread::shared().runAndWait(work);
+}
+
+/// The filter pop-up: its labels and the filter numbers they store.
+struct FilterEntry {
+    const char* label;
+    int value;
+};
+const FilterEntry kFilters[] = {
+    {"All Plugins", 0}, {"Final Cut Pro", 1}, {"Motion", 2},        {"Avid", 3},
+    {"Adobe & VST", 4}, {"OpenFX", 5},        {"Video Plugins", 7}, {"Audio Plugins", 8},
+};
+
+bool anyLabel(const std::vector<std::string>& labels,
+              const std::function<bool(const std::string&)>& test) {
+    return std::any_of(labels.begin(), labels.end(), test);
+}
+bool startsWith(const std::string& s, const std::string& p) {
+    return s.rfind(p, 0) == 0;
+}
+bool endsWith(const std::string& s, const std::string& e) {
+    return s.size() >= e.size() && s.compare(s.size() - e.size(), e.size(), e) == 0;
+}
+
+/// How the selection memory names an item.
+std::string selectionPath(const KTItem& item) {
+    if (item.isGroup()) {
+        const auto& group = static_cast<const KTGroupItem&>(item);
+        return "group:" + group.subdir().value_or(group.title());
+    }
+    return "plugin:" + static_cast<const KTPluginItem&>(item).actualPath();
+}
+
+}  // namespace
+
+KTMainWindow::KTMainWindow(AppController& app, QWidget* parent)
+    : QMainWindow(parent), app_(app), controller_(app.outlineViewController()) {
+    setWindowTitle(QStringLiteral("Ambrel"));
+    ui_ = std::make_shared<KTQtUserInterface>(this);
+    ui_->onBusyChanged = [this](bool busy) { setBusy(busy); };
+    ui_->onReloadStarted = [this] { catalogueReloadStarted(); };
+    ui_->onReloadFinished = [this] { catalogueReloadFinished(); };
+    ui_->onCancel = [this] { app_.cancelProgress(); };
+
+    model_ = new KTOutlineModel(controller_, this);
+    tree_ = new QTreeView(this);
+    tree_->setModel(model_);
+    tree_->setUniformRowHeights(true);
+    tree_->setAlternatingRowColors(true);
+    tree_->setSelectionMode(QAbstractItemView::ExtendedSelection);
+    tree_->setSelectionBehavior(QAbstractItemView::SelectRows);
+    tree_->setDragDropMode(QAbstractItemView::DragDrop);
+    tree_->setDefaultDropAction(Qt::MoveAction);
+    tree_->setDropIndicatorShown(true);
+    tree_->setEditTriggers(QAbstractItemView::NoEditTriggers);
+    tree_->setSortingEnabled(false);
+    tree_->setIconSize(QSize(16, 16));
+    QHeaderView* header = tree_->header();
+    header->setSectionsClickable(true);
+    header->setSortIndicatorShown(true);
+    header->setStretchLastSection(false);
+    header->setSectionResizeMode(KTOutlineModel::colName, QHeaderView::Stretch);
+    header->resizeSection(KTOutlineModel::colStatus, 70);
+    header->resizeSection(KTOutlineModel::colVersion, 90);
+    header->resizeSection(KTOutlineModel::colType, 150);
+    header->resizeSection(KTOutlineModel::colUser, 140);
+    connect(header, &QHeaderView::sectionClicked, this, [this](int c) { columnHeaderClicked(c); });
+    connect(tree_, &QTreeView::expanded, this,
+            [this](const QModelIndex& i) { groupExpanded(i, true); });
+    connect(tree_, &QTreeView::collapsed, this,
+            [this](const QModelIndex& i) { groupExpanded(i, false); });
+    connect(tree_->selectionModel(), &QItemSelectionModel::selectionChanged, this,
+            [this] { enableAndConfigureButtons(); });
+    setCentralWidget(tree_);
+
+    model_->isExpanded = [this](const KTItemPtr& item) {
+        return tree_->isExpanded(model_->indexForItem(item.get()));
+    };
+    model_->checkHandler = [this](const KTItemPtr& item, int column, int value) {
+        checkBoxClicked(item, column, value);
+    };
+    model_->statusEditable = true;
+    model_->scopeEditable = true;
+    // Installing and moving rows into groups arrive with their operations:
+    // until then the outline refuses file and row drops.
+
+    count_ = new QLabel(this);
+    spinner_ = new QProgressBar(this);
+    spinner_->setRange(0, 0);
+    spinner_->setMaximumSize(80, 12);
+    spinner_->setTextVisible(false);
+    spinner_->hide();
+    statusBar()->addWidget(count_, 1);
+    statusBar()->addPermanentWidget(spinner_);
+    statusBar()->setSizeGripEnabled(false);
+
+    buildActions();
+    buildMenus();
+    buildToolbar();
+    resize(900, 600);
+
+    app_.setUserInterface(ui_);
+    controller_.setOutlineView(this);
+    enableAndConfigureButtons();
+}
+
+KTMainWindow::~KTMainWindow() {
+    controller_.setOutlineView(nullptr);
+    ui_->onBusyChanged = nullptr;
+    ui_->onReloadStarted = nullptr;
+    ui_->onReloadFinished = nullptr;
+    ui_->onCancel = nullptr;
+}
+
+void KTMainWindow::buildActions() {
+    QStyle* style = QApplication::style();
+    enableAction_ = new QAction(QStringLiteral("Disable"), this);
+    enableAction_->setToolTip(QStringLiteral("Enable or disable the selected plugins"));
+    enableAction_->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_E));
+    connect(enableAction_, &QAction::triggered, this, [this] { toggleEnabled(); });
+
+    scopeAction_ = new QAction(QStringLiteral("Current User"), this);
+    scopeAction_->setToolTip(
+        QStringLiteral("Move the selected plugins between the current user and all users"));
+    connect(scopeAction_, &QAction::triggered, this, [this] { toggleScope(); });
+
+    removeAction_ =
+        new QAction(style->standardIcon(QStyle::SP_TrashIcon), QStringLiteral("Remove"), this);
+    removeAction_->setToolTip(QStringLiteral("Move the selected plugins to the Trash"));
+    removeAction_->setShortcut(QKeySequence::Delete);
+    connect(removeAction_, &QAction::triggered, this, [this] { removeSelection(); });
+
+    deleteDisabledAction_ = new QAction(QStringLiteral("Delete All Disabled Plugins..."), this);
+    connect(deleteDisabledAction_, &QAction::triggered, this, [this] { deleteAllDisabled(); });
+
+    // Groups and installing come with their operations; shown, not yet usable.
+    addGroupAction_ = new QAction(style->standardIcon(QStyle::SP_FileDialogNewFolder),
+                                  QStringLiteral("Add Group"), this);
+    addGroupAction_->setEnabled(false);
+    installAction_ = new QAction(style->standardIcon(QStyle::SP_DialogOpenButton),
+                                 QStringLiteral("Install..."), this);
+    installAction_->setEnabled(false);
+
+    printAction_ = new QAction(QStringLiteral("Print..."), this);
+    printAction_->setShortcut(QKeySequence::Print);
+    connect(printAction_, &QAction::triggered, this, [this] { printPluginList(); });
+
+    adminAction_ = new QAction(QStringLiteral("Require Administrator Password"), this);
+    adminAction_->setCheckable(true);
+    adminAction_->setChecked(KTPreferences::requireAdminPassword());
+    connect(adminAction_, &QAction::toggled, this,
+            [this](bool on) { toggleRequireAdminPassword(on); });
+
+    const std::pair<const char*, ArchitectureSelection> archs[] = {
+        {"Select 32-bit Only Plugins", ArchitectureSelection::only32Bit},
+        {"Select 64-bit Only Plugins", ArchitectureSelection::only64Bit},
+        {"Select PowerPC Only Plugins", ArchitectureSelection::onlyPPC},
+        {"Select Intel Only Plugins", ArchitectureSelection::onlyIntel},
+    };
+    for (const auto& [label, which] : archs) {
+        auto* action = new QAction(QString::fromLatin1(label), this);
+        connect(action, &QAction::triggered, this,
+                [this, which = which] { selectPluginsForArchitecture(which); });
+        architectureActions_.push_back(action);
+    }
+}
+
+void KTMainWindow::buildMenus() {
+    QMenu* file = menuBar()->addMenu(QStringLiteral("&File"));
+    file->addAction(installAction_);
+    file->addSeparator();
+    file->addAction(printAction_);
+    file->addSeparator();
+    QAction* quit = file->addAction(QStringLiteral("Quit"), this, [this] { close(); });
+    quit->setShortcut(QKeySequence::Quit);
+
+    QMenu* edit = menuBar()->addMenu(QStringLiteral("&Edit"));
+    QAction* all =
+        edit->addAction(QStringLiteral("Select All"), this, [this] { tree_->selectAll(); });
+    all->setShortcut(QKeySequence::SelectAll);
+    edit->addSeparator();
+    for (QAction* a : architectureActions_) edit->addAction(a);
+
+    QMenu* plugins = menuBar()->addMenu(QStringLiteral("&Plugins"));
+    plugins->addAction(enableAction_);
+    plugins->addAction(scopeAction_);
+    plugins->addAction(addGroupAction_);
+    plugins->addSeparator();
+    plugins->addAction(removeAction_);
+    plugins->addAction(deleteDisabledAction_);
+    plugins->addSeparator();
+    QAction* refresh =
+        plugins->addAction(QStringLiteral("Refresh"), this, [this] { refreshPluginData(); });
+    refresh->setShortcut(QKeySequence::Refresh);
+    plugins->addSeparator();
+    plugins->addAction(adminAction_);
+}
+
+void KTMainWindow::buildToolbar() {
+    QToolBar* bar = addToolBar(QStringLiteral("Toolbar"));
+    bar->setObjectName(QStringLiteral("mainToolbar"));
+    bar->setMovable(false);
+    bar->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
+    bar->addAction(enableAction_);
+    bar->addAction(scopeAction_);
+    bar->addAction(removeAction_);
+    bar->addSeparator();
+    bar->addAction(addGroupAction_);
+    bar->addAction(installAction_);
+    auto* spacer = new QWidget(bar);
+    spacer->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Preferred);
+    bar->addWidget(spacer);
+
+    filter_ = new QComboBox(bar);
+    filter_->setToolTip(QStringLiteral("Which plugin folders to show"));
+    const long long saved = KTPreferences::standard().integerForKey("filter");
+    for (const auto& entry : kFilters) {
+        filter_->addItem(QString::fromLatin1(entry.label), entry.value);
+        if (entry.value == saved) filter_->setCurrentIndex(filter_->count() - 1);
+    }
+    connect(filter_, &QComboBox::activated, this, [this](int i) { filterChanged(i); });
+    bar->addWidget(filter_);
+
+    search_ = new QLineEdit(bar);
+    search_->setPlaceholderText(QStringLiteral("Search"));
+    search_->setClearButtonEnabled(true);
+    search_->setMaximumWidth(220);
+    connect(search_, &QLineEdit::textChanged, this, [this](const QString& t) { searchChanged(t); });
+    bar->addWidget(search_);
+}
+
+// ---- The outline seam --------------------------------------------------------
+
+void KTMainWindow::reloadOutline() {
+    onMain([this] { model_->rebuild(); });
+}
+
+void KTMainWindow::reloadItem(const KTItemPtr& item) {
+    onMain([this, item] {
+        model_->refreshItem(item.get());
+        // A group's boxes sum up its children.
+        for (auto parent = item ? item->parent() : nullptr; parent; parent = parent->parent())
+            model_->refreshItem(parent.get());
+    });
+}
+
+void KTMainWindow::reloadItemAndChildren(const KTItemPtr& item) {
+    onMain([this] { model_->rebuild(); });
+}
+
+void KTMainWindow::reloadParentOfItem(const KTItemPtr& item) {
+    onMain([this] { model_->rebuild(); });
+}
+
+void KTMainWindow::refreshPluginStats() {
+    onMain([this] {
+        if (reloading_) return;
+        KTTreeLockGuard l(controller_.treeLock());
+        count_->setText(qs(controller_.pluginStatsText()));
+    });
+}
+
+void KTMainWindow::enableAndConfigureButtons() {
+    onMain([this] {
+        const KTItemList items = reloading_ ? KTItemList() : selectedItems();
+        const bool any = !items.empty();
+        long long enabled = 0;
+        long long access = 0;
+        if (any) {
+            const KTItemPtr& first = items.front();
+            if (first->isGroup()) {
+                enabled = static_cast<const KTGroupItem&>(*first).groupEnabled();
+                access = static_cast<const KTGroupItem&>(*first).groupAccess();
+            } else {
+                enabled = static_cast<const KTPluginItem&>(*first).pluginEnabled();
+                access = static_cast<const KTPluginItem&>(*first).pluginAccess();
+            }
+        }
+        enableAction_->setText(enabled == 1 ? QStringLiteral("Disable") : QStringLiteral("Enable"));
+        enableAction_->setIcon(QApplication::style()->standardIcon(
+            enabled == 1 ? QStyle::SP_DialogCancelButton : QStyle::SP_DialogApplyButton));
+        scopeAction_->setText(access == 1 ? QStringLiteral("All Users")
+                                          : QStringLiteral("Current User"));
+        scopeAction_->setIcon(QApplication::style()->standardIcon(
+            access == 1 ? QStyle::SP_ComputerIcon : QStyle::SP_DirHomeIcon));
+        enableAction_->setEnabled(any);
+        scopeAction_->setEnabled(any);
+        removeAction_->setEnabled(any);
+        const bool idle = !reloading_;
+        deleteDisabledAction_->setEnabled(idle);
+        printAction_->setEnabled(idle);
+        for (QAction* a : architectureActions_) a->setEnabled(idle);
+    });
+}
+
+// ---- Loading -----------------------------------------------------------------
+
+void KTMainWindow::refreshPluginData() {
+    app_.reloadData();
+}
+
+void KTMainWindow::waitForBackgroundWork() {
+    // A batch may end in a reload, and a reload in nothing further: twice covers both.
+    for (int pass = 0; pass < 2; ++pass) {
+        QEventLoop loop;
+        std::thread waiter([this, &loop] {
+            app_.waitForBatchOperations();
+            app_.waitForReload();
+            QMetaObject::invokeMethod(&loop, &QEventLoop::quit, Qt::QueuedConnection);
+        });
+        loop.exec();
+        waiter.join();
+    }
+}
+
+void KTMainWindow::catalogueReloadStarted() {
+    if (model_->rowCount() > 0) selectionBeforeReload_ = arrayOfSelectedItemPaths();
+    reloading_ = true;
+    count_->setText(QStringLiteral("Populating plugins..."));
+    filter_->setEnabled(false);
+    model_->clear();
+    enableAndConfigureButtons();
+}
+
+void KTMainWindow::catalogueReloadFinished() {
+    reloading_ = false;
+    {
+        KTTreeLockGuard l(controller_.treeLock());
+        controller_.search(search_->text().toStdString());
+    }
+    applySortingForOutlineView();
+    model_->resetFromController();
+    loadExpandedItems();
+    selectItemPathsFromArray(selectionBeforeReload_);
+    selectionBeforeReload_.clear();
+    refreshPluginStats();
+    filter_->setEnabled(true);
+    enableAndConfigureButtons();
+    // Names and versions keep arriving from the bundle readers for a moment.
+    for (int ms : {300, 1000, 2500})
+        QTimer::singleShot(ms, tree_->viewport(), [this] { tree_->viewport()->update(); });
+    emit catalogueShown();
+}
+
+void KTMainWindow::setBusy(bool busy) {
+    spinner_->setVisible(busy);
+}
+
+// ---- Sorting, expansion, selection -------------------------------------------
+
+void KTMainWindow::columnHeaderClicked(int column) {
+    if (reloading_) return;
+    const std::string saved =
+        KTPreferences::standard().stringForKey("sortedColumn").value_or("colName");
+    const bool descending = KTOutlineModel::columnForIdentifier(saved) == column
+                                ? !KTPreferences::standard().boolForKey("sortedDescending")
+                                : false;
+    sortByColumn(column, descending);
+}
+
+void KTMainWindow::sortByColumn(int column, bool descending) {
+    KTTreeLockGuard l(controller_.treeLock());
+    controller_.sortColumnWithIdentifier(KTOutlineModel::columnIdentifier(column), descending);
+    tree_->header()->setSortIndicator(column,
+                                      descending ? Qt::DescendingOrder : Qt::AscendingOrder);
+    model_->rebuild();
+    KTPreferences::standard().setString("sortedColumn", KTOutlineModel::columnIdentifier(column));
+    KTPreferences::standard().setBool("sortedDescending", descending);
+}
+
+void KTMainWindow::applySortingForOutlineView() {
+    const std::string saved =
+        KTPreferences::standard().stringForKey("sortedColumn").value_or("colName");
+    const int column = KTOutlineModel::columnForIdentifier(saved);
+    const bool descending = KTPreferences::standard().boolForKey("sortedDescending");
+    KTTreeLockGuard l(controller_.treeLock());
+    controller_.sortColumnWithIdentifier(KTOutlineModel::columnIdentifier(column), descending);
+    tree_->header()->setSortIndicator(column,
+                                      descending ? Qt::DescendingOrder : Qt::AscendingOrder);
+}
+
+void KTMainWindow::loadExpandedItems() {
+    KTLog::appendLog("Loading expanded items...");
+    restoringExpansion_ = true;
+    for (const std::string& subdir : KTPreferences::standard().stringArrayForKey("expandedItems")) {
+        QModelIndex index = model_->indexForGroupSubdir(subdir);
+        if (index.isValid()) tree_->expand(index);
+    }
+    restoringExpansion_ = false;
+}
+
+void KTMainWindow::groupExpanded(const QModelIndex& index, bool expanded) {
+    if (restoringExpansion_) return;
+    KTItemPtr item = model_->itemForIndex(index);
+    if (!item || !item->isGroup()) return;
+    const auto& subdir = static_cast<const KTGroupItem&>(*item).subdir();
+    if (!subdir || subdir->empty()) return;
+    auto saved = KTPreferences::standard().stringArrayForKey("expandedItems");
+    auto it = std::find(saved.begin(), saved.end(), *subdir);
+    if (expanded && it == saved.end()) {
+        saved.push_back(*subdir);
+    } else if (!expanded && it != saved.end()) {
+        saved.erase(it);
+    } else {
+        return;
+    }
+    KTPreferences::standard().setStringArray("expandedItems", saved);
+}
+
+KTItemList KTMainWindow::selectedItems() const {
+    QModelIndexList rows = tree_->selectionModel()->selectedRows(0);
+    // Row order as shown, not the order of clicking.
+    std::sort(rows.begin(), rows.end(), [this](const QModelIndex& a, const QModelIndex& b) {
+        return tree_->visualRect(a).top() < tree_->visualRect(b).top();
+    });
+    KTItemList items;
+    for (const QModelIndex& index : rows)
+        if (KTItemPtr item = model_->itemForIndex(index)) items.push_back(item);
+    return items;
+}
+
+std::vector<std::string> KTMainWindow::arrayOfSelectedItemPaths() const {
+    std::vector<std::string> paths;
+    for (const KTItemPtr& item : selectedItems()) paths.push_back(selectionPath(*item));
+    return paths;
+}
+
+void KTMainWindow::selectItemPathsFromArray(const std::vector<std::string>& paths) {
+    if (paths.empty()) return;
+    QItemSelection selection;
+    std::function<void(const QModelIndex&)> walk = [&](const QModelIndex& parent) {
+        for (int row = 0; row < model_->rowCount(parent); ++row) {
+            QModelIndex index = model_->index(row, 0, parent);
+            KTItemPtr item = model_->itemForIndex(index);
+            if (item && std::find(paths.begin(), paths.end(), selectionPath(*item)) != paths.end())
+                selection.select(index, index.siblingAtColumn(KTOutlineModel::colUser));
+            walk(index);
+        }
+    };
+    walk({});
+    tree_->selectionModel()->select(selection, QItemSelectionModel::ClearAndSelect);
+}
+
+void KTMainWindow::selectPluginsForArchitecture(ArchitectureSelection which) {
+    if (reloading_) return;
+    std::vector<std::shared_ptr<KTPluginItem>> plugins;
+    {
+        KTTreeLockGuard l(controller_.treeLock());
+        plugins = controller_.allPlugins();
+    }
+    QItemSelection selection;
+    for (const auto& plugin : plugins) {
+        const auto labels = plugin->architectures();
+        if (labels.empty()) continue;
+        bool picked = false;
+        switch (which) {
+            case ArchitectureSelection::only32Bit:
+                picked =
+                    !anyLabel(labels, [](const std::string& l) { return startsWith(l, "64-bit"); });
+                break;
+            case ArchitectureSelection::only64Bit:
+                picked =
+                    !anyLabel(labels, [](const std::string& l) { return startsWith(l, "32-bit"); });
+                break;
+            case ArchitectureSelection::onlyPPC:
+                picked =
+                    !anyLabel(labels, [](const std::string& l) { return endsWith(l, "(Intel)"); });
+                break;
+            case ArchitectureSelection::onlyIntel:
+                picked = !anyLabel(labels,
+                                   [](const std::string& l) { return endsWith(l, "(PowerPC)"); });
+                break;
+        }
+        if (!picked) continue;
+        QModelIndex index = model_->indexForItem(plugin.get());
+        if (!index.isValid()) continue;  // hidden by the search
+        QModelIndex outermost;
+        for (QModelIndex p = index.parent(); p.isValid(); p = p.parent()) outermost = p;
+        if (outermost.isValid()) tree_->expandRecursively(outermost);
+        selection.select(index, index.siblingAtColumn(KTOutlineModel::colUser));
+    }
+    tree_->selectionModel()->select(selection, QItemSelectionModel::ClearAndSelect);
+}
+
+// ---- Commands ----------------------------------------------------------------
+
+void KTMainWindow::filterChanged(int index) {
+    const int value = filter_->itemData(index).toInt();
+    if (KTPreferences::standard().integerForKey("filter") == value) return;
+    KTPreferences::standard().setInteger("filter", value);
+    app_.reloadData();
+}
+
+void KTMainWindow::searchChanged(const QString& text) {
+    // A running load picks the text up when it ends.
+    if (reloading_) return;
+    {
+        KTTreeLockGuard l(controller_.treeLock());
+        controller_.search(text.toStdString());
+    }
+    model_->resetFromController();
+    if (!text.isEmpty())
+        tree_->expandAll();
+    else
+        loadExpandedItems();
+    enableAndConfigureButtons();
+}
+
+void KTMainWindow::checkBoxClicked(const KTItemPtr& item, int column, int newValue) {
+    // The moves run on a batch thread: the window stays live while the disk works.
+    app_.batchThreads().start([this, item, column, newValue] {
+        if (column == KTOutlineModel::colStatus)
+            controller_.statusCheckBoxChanged(item, newValue);
+        else
+            controller_.userCheckBoxChanged(item, newValue);
+        enableAndConfigureButtons();
+    });
+}
+
+void KTMainWindow::toggleEnabled() {
+    app_.enableDisable(selectedItems(), enableAction_->text().toStdString());
+}
+
+void KTMainWindow::toggleScope() {
+    app_.toggleUserAccess(selectedItems(), scopeAction_->text().toStdString());
+}
+
+void KTMainWindow::removeSelection() {
+    app_.remove(selectedItems());
+}
+
+void KTMainWindow::deleteAllDisabled() {
+    app_.deleteAllDisabled();
+}
+
+void KTMainWindow::toggleRequireAdminPassword(bool on) {
+    std::string error;
+    if (KTPreferences::machine().setBool("requireAdminPassword", on, &error)) return;
+    KTLog::appendLog("Unable to change the administrator password setting. %@", error);
+    QSignalBlocker block(adminAction_);
+    adminAction_->setChecked(!on);
+    ui_->runAlert({"Unable to change the administrator password setting.", error, {}});
+}
+
+void KTMainWindow::printPluginList() {
+    if (reloading_) return;
+    std::string html;
+    {
+        KTTreeLockGuard l(controller_.treeLock());
+        html = KTPluginListExport::generateHTMLForPrinting(controller_.allPlugins());
+    }
+    QPrinter printer(QPrinter::HighResolution);
+    printer.setDocName(QString::fromLatin1(KTPluginListExport::kJobTitle));
+    QPrintDialog dialog(&printer, this);
+    dialog.setWindowTitle(QString::fromLatin1(KTPluginListExport::kJobTitle));
+    dialog.setWindowModality(Qt::WindowModal);
+    if (dialog.exec() != QDialog::Accepted) return;
+    QTextDocument document;
+    document.setHtml(qs(html));
+    document.print(&printer);
+}

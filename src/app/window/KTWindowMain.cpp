@@ -1,0 +1,78 @@
+#include <QApplication>
+#include <QTimer>
+#include <QTreeView>
+#include <cstdlib>
+#include <memory>
+
+#include "SharedFiles/KTAuthorization.h"
+#include "SharedFiles/KTLog.h"
+#include "SharedFiles/KTMainThread.h"
+#include "SharedFiles/KTPreferences.h"
+#include "app/core/AppController.h"
+#include "app/window/KTMainWindow.h"
+#include "app/window/KTOutlineModel.h"
+#include "app/window/KTQtMainThread.h"
+
+namespace {
+
+/// AMBREL_SCREENSHOT=file.png: once the catalogue is shown and the bundle
+/// details are in, the window saves a picture of itself there and quits (the
+/// README's picture is taken this way under a virtual display).
+void arrangeScreenshot(KTMainWindow& window, const QString& path) {
+    QObject::connect(&window, &KTMainWindow::catalogueShown, &window, [&window, path] {
+        QTimer::singleShot(1500, &window, [&window, path] {
+            QTreeView* tree = window.outline();
+            KTOutlineModel* model = window.model();
+            // Open the first groups so the picture shows the tree's shape.
+            int opened = 0;
+            for (int row = 0; row < model->rowCount() && opened < 2; ++row) {
+                QModelIndex index = model->index(row, 0);
+                if (model->rowCount(index) == 0) continue;
+                tree->expand(index);
+                if (opened == 0 && model->rowCount(index) > 1)
+                    tree->setCurrentIndex(model->index(1, 0, index));
+                ++opened;
+            }
+            QTimer::singleShot(300, &window, [&window, path] {
+                window.grab().save(path);
+                window.close();
+            });
+        });
+    });
+}
+
+}  // namespace
+
+int runWindow(int argc, char** argv) {
+    QApplication qapp(argc, argv);
+    QApplication::setApplicationName(QStringLiteral("Ambrel"));
+    QApplication::setOrganizationName(QStringLiteral("Quellbrook"));
+    KTMainThread::setShared(std::make_shared<KTQtMainThread>());
+    // The product's log, whatever the executable is called.
+    KTLog::sharedController()->setAppName("Ambrel");
+
+    int status = 0;
+    {
+        AppController app;
+        KTMainWindow window(app);
+        if (KTPreferences::requireAdminPassword() &&
+            !KTAuthorization::sharedController(true)->authStart()) {
+            KTLog::appendLog("Administrator rights were refused. Quitting.");
+            KTLog::finishWriting();
+            return 0;
+        }
+        app.checkPermissions();
+        KTLog::appendLog("Preparing to display window...");
+        if (const char* shot = std::getenv("AMBREL_SCREENSHOT"); shot && *shot)
+            arrangeScreenshot(window, QString::fromLocal8Bit(shot));
+        window.show();
+        window.raise();
+        window.activateWindow();
+        app.reloadData();
+        status = QApplication::exec();
+        window.waitForBackgroundWork();
+    }
+    KTMainThread::setShared(std::make_shared<KTInlineMainThread>());
+    KTLog::finishWriting();
+    return status;
+}

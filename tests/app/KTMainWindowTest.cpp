@@ -1,0 +1,379 @@
+// The main window under Qt's offscreen platform, over scratch trees: the
+// outline's rows, sorting and expansion across reloads, check boxes that move
+// plug-ins on disk, drags and drops, the printed list, and the interface seam
+// answering a worker thread.
+#include <QAbstractButton>
+#include <QApplication>
+#include <QDialog>
+#include <QHeaderView>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMessageBox>
+#include <QMimeData>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QSignalSpy>
+#include <QTest>
+#include <QTextDocument>
+#include <QTimer>
+#include <QTreeView>
+#include <QUrl>
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "SharedFiles/KTLog.h"
+#include "SharedFiles/KTMainThread.h"
+#include "SharedFiles/KTPreferences.h"
+#include "app/core/AppController.h"
+#include "app/window/KTMainWindow.h"
+#include "app/window/KTOutlineModel.h"
+#include "app/window/KTQtMainThread.h"
+#include "app/window/KTQtUserInterface.h"
+#include "catalogue/KTItemArchive.h"
+#include "catalogue/KTPluginItem.h"
+#include "catalogue/KTPluginLocations.h"
+#include "catalogue/OutlineViewController.h"
+#include "installer/KTPluginListExport.h"
+#include "operations/KTFileMover.h"
+#include "support/ScratchRoot.h"
+
+namespace fs = std::filesystem;
+
+// Fontconfig keeps a cache for the life of the process, which Qt never frees.
+extern "C" const char* __lsan_default_suppressions() {
+    return "leak:libfontconfig\n";
+}
+using Col = KTOutlineModel::Column;
+
+namespace {
+
+QApplication& qtApp() {
+    static int argc = 1;
+    static char name[] = "test_app";
+    static char* argv[] = {name, nullptr};
+    static QApplication* app = [] {
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+        return new QApplication(argc, argv);
+    }();
+    return *app;
+}
+
+/// Handles events until `done` holds or 20 seconds have passed.
+bool waitUntil(const std::function<bool()>& done) {
+    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > until) return false;
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+        QThread::msleep(5);
+    }
+    return true;
+}
+
+std::string plist(const std::string& body) {
+    return "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>" + body + "</dict></plist>";
+}
+
+void makeBundle(const std::string& path, const std::string& name, const std::string& version) {
+    ScratchRoot::writeFile(
+        path + "/Contents/Info.plist",
+        plist("<key>CFBundleName</key><string>" + name +
+              "</string><key>CFBundleShortVersionString</key><string>" + version + "</string>"));
+}
+
+/// The window over a scratch tree of five plug-ins: Glow (FxPlug, 1.0), the
+/// group Pack with Blur (2.0) and Haze (locked), Hum (the user's Audio Unit)
+/// and Dim (a disabled FxPlug).
+class MainWindowTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        qtApp();
+        KTMainThread::setShared(std::make_shared<KTQtMainThread>());
+        KTFileMover::setPrivilegedPauseSecondsForTesting(0);
+        KTLog::resetForTesting();
+        fx = scratch.rootPath("/Library/Plug-Ins/FxPlug");
+        makeBundle(fx + "/Glow.fxplug", "Glow", "1.0");
+        makeBundle(fx + "/Pack/Blur.fxplug", "Blur", "2.0");
+        makeBundle(fx + "/Pack/Haze.fxplug", "Haze", "3.0");
+        ScratchRoot::writeFile(fx + "/Pack/Haze.fxplug/.fxfactory.plist", plist(""));
+        makeBundle(scratch.homePath("/Library/Audio/Plug-Ins/Components/Hum.component"), "Hum", "");
+        makeBundle(KTPluginLocations::disabledPath() + "/Library/Plug-Ins/FxPlug/Dim.fxplug", "Dim",
+                   "0.9");
+    }
+    void TearDown() override {
+        if (window) window->waitForBackgroundWork();
+        window.reset();
+        app.reset();
+        KTLog::finishWriting();
+        KTLog::resetForTesting();
+        KTMainThread::setShared(std::make_shared<KTInlineMainThread>());
+    }
+
+    void open() {
+        app = std::make_unique<AppController>();
+        window = std::make_unique<KTMainWindow>(*app);
+        window->show();
+        reload();
+    }
+    void reload() {
+        QSignalSpy shown(window.get(), &KTMainWindow::catalogueShown);
+        app->reloadData();
+        ASSERT_TRUE(shown.wait(20000));
+        window->waitForBackgroundWork();
+        app->outlineViewController().waitForBundleInspection();
+    }
+
+    KTOutlineModel& model() { return *window->model(); }
+    QString cell(const QModelIndex& row, int column, int role = Qt::DisplayRole) {
+        return model().data(row.siblingAtColumn(column), role).toString();
+    }
+    int checkState(const QModelIndex& row, int column) {
+        return model().data(row.siblingAtColumn(column), Qt::CheckStateRole).toInt();
+    }
+    QStringList topNames() {
+        QStringList names;
+        for (int r = 0; r < model().rowCount(); ++r)
+            names << cell(model().index(r, 0), Col::colName);
+        return names;
+    }
+    QModelIndex row(const std::string& name, const QModelIndex& parent = {}) {
+        for (int r = 0; r < model().rowCount(parent); ++r) {
+            QModelIndex i = model().index(r, 0, parent);
+            if (cell(i, Col::colName).toStdString() == name) return i;
+            if (QModelIndex inner = row(name, i); inner.isValid()) return inner;
+        }
+        return {};
+    }
+
+    ScratchRoot scratch;
+    std::string fx;
+    std::unique_ptr<AppController> app;
+    std::unique_ptr<KTMainWindow> window;
+};
+
+}  // namespace
+
+TEST_F(MainWindowTest, RowsOfAScratchTreeAndTheCountLine) {
+    open();
+    EXPECT_EQ(topNames(), (QStringList{"Dim", "Glow", "Hum", "Pack"}));
+    EXPECT_EQ(window->countLine()->text(), "5 plugins, 4 enabled");
+
+    QModelIndex glow = row("Glow");
+    EXPECT_EQ(cell(glow, Col::colVersion), "1.0");
+    EXPECT_EQ(cell(glow, Col::colType), "FxPlug");
+    EXPECT_EQ(checkState(glow, Col::colStatus), Qt::Checked);
+    EXPECT_EQ(checkState(glow, Col::colUser), Qt::Unchecked);
+    QModelIndex hum = row("Hum");
+    EXPECT_EQ(cell(hum, Col::colType), "Audio Unit");
+    EXPECT_EQ(checkState(hum, Col::colUser), Qt::Checked);
+    EXPECT_EQ(checkState(row("Dim"), Col::colStatus), Qt::Unchecked);
+
+    QModelIndex pack = row("Pack");
+    EXPECT_EQ(cell(pack, Col::colType), "Group");
+    EXPECT_EQ(cell(pack, Col::colVersion), "");
+    EXPECT_EQ(model().rowCount(pack), 2);
+    EXPECT_EQ(checkState(pack, Col::colStatus), Qt::Checked);
+    // The locked plug-in's box cannot be clicked; the others' can.
+    EXPECT_FALSE(model().flags(row("Haze").siblingAtColumn(Col::colStatus)) &
+                 Qt::ItemIsUserCheckable);
+    EXPECT_TRUE(model().flags(glow.siblingAtColumn(Col::colStatus)) & Qt::ItemIsUserCheckable);
+
+    // The search shows the filtered tree; clearing it brings the whole back.
+    window->searchField()->setText("bl");
+    EXPECT_EQ(topNames(), (QStringList{"Pack"}));
+    EXPECT_EQ(model().rowCount(row("Pack")), 1);
+    window->searchField()->clear();
+    EXPECT_EQ(topNames().size(), 4);
+}
+
+TEST_F(MainWindowTest, SortingSelectionAndExpandedGroupsSurviveAReload) {
+    open();
+    QHeaderView* header = window->outline()->header();
+    auto clickHeader = [&](int column) {
+        QTest::mouseClick(
+            header->viewport(), Qt::LeftButton, {},
+            QPoint(header->sectionViewportPosition(column) + 5, header->height() / 2));
+    };
+    clickHeader(Col::colVersion);
+    EXPECT_EQ(KTPreferences::standard().stringForKey("sortedColumn"), "colVersion");
+    EXPECT_FALSE(KTPreferences::standard().boolForKey("sortedDescending"));
+    const QStringList ascending = topNames();
+    EXPECT_EQ(ascending.indexOf("Dim"), ascending.indexOf("Glow") - 1);
+    EXPECT_EQ(ascending.last(), "Pack");  // groups after every plug-in
+    clickHeader(Col::colVersion);
+    EXPECT_TRUE(KTPreferences::standard().boolForKey("sortedDescending"));
+    const QStringList sorted = topNames();
+    QStringList reversed(ascending.rbegin(), ascending.rend());
+    EXPECT_EQ(sorted, reversed);
+
+    window->outline()->expand(row("Pack"));
+    EXPECT_EQ(KTPreferences::standard().stringArrayForKey("expandedItems"),
+              std::vector<std::string>{"Pack"});
+    window->outline()->selectionModel()->select(
+        row("Blur"), QItemSelectionModel::ClearAndSelect | QItemSelectionModel::Rows);
+
+    reload();
+    EXPECT_EQ(topNames(), sorted);
+    EXPECT_EQ(header->sortIndicatorSection(), Col::colVersion);
+    EXPECT_EQ(header->sortIndicatorOrder(), Qt::DescendingOrder);
+    EXPECT_TRUE(window->outline()->isExpanded(row("Pack")));
+    const KTItemList selected = window->selectedItems();
+    ASSERT_EQ(selected.size(), 1u);
+    EXPECT_EQ(selected[0]->sortName(), "Blur");
+    EXPECT_EQ(window->enableAction()->text(), "Disable");
+
+    window->outline()->collapse(row("Pack"));
+    EXPECT_TRUE(KTPreferences::standard().stringArrayForKey("expandedItems").empty());
+}
+
+TEST_F(MainWindowTest, UntickingTheStatusBoxDisablesOnDiskAndUpdatesTheCount) {
+    open();
+    const std::string disabledGlow =
+        KTPluginLocations::disabledPath() + "/Library/Plug-Ins/FxPlug/Glow.fxplug";
+    ASSERT_TRUE(model().setData(row("Glow").siblingAtColumn(Col::colStatus), Qt::Unchecked,
+                                Qt::CheckStateRole));
+    ASSERT_TRUE(waitUntil([&] { return window->countLine()->text() == "5 plugins, 3 enabled"; }));
+    EXPECT_TRUE(fs::exists(disabledGlow));
+    EXPECT_FALSE(fs::exists(fx + "/Glow.fxplug"));
+    EXPECT_EQ(checkState(row("Glow"), Col::colStatus), Qt::Unchecked);
+
+    // Ticking the box of a disabled plug-in brings it back.
+    ASSERT_TRUE(model().setData(row("Dim").siblingAtColumn(Col::colStatus), Qt::Checked,
+                                Qt::CheckStateRole));
+    ASSERT_TRUE(waitUntil([&] { return window->countLine()->text() == "5 plugins, 4 enabled"; }));
+    EXPECT_TRUE(fs::exists(fx + "/Dim.fxplug"));
+}
+
+TEST_F(MainWindowTest, DragsAndDrops) {
+    open();
+    QModelIndex glow = row("Glow"), haze = row("Haze"), pack = row("Pack");
+
+    // A drag holding a locked plug-in does not start, whatever else it holds.
+    EXPECT_EQ(model().mimeData({glow, haze}), nullptr);
+    std::unique_ptr<QMimeData> drag(model().mimeData({glow, pack}));
+    ASSERT_NE(drag, nullptr);
+    const QByteArray bytes = drag->data(KTOutlineModel::kPboardType);
+    auto items = KTItemArchive::unarchiveObjectWithData(std::string(bytes.data(), bytes.size()));
+    ASSERT_TRUE(items && items->size() == 2);
+    EXPECT_EQ((*items)[0]->sortName(), "Glow");
+    EXPECT_EQ((*items)[1]->sortName(), "Pack");
+
+    KTItemPtr droppedOn;
+    std::size_t rowsDropped = 0;
+    model().rowDropHandler = [&](const KTItemList& list, const KTItemPtr& target,
+                                 const std::vector<std::string>&) {
+        rowsDropped = list.size();
+        droppedOn = target;
+    };
+    // Rows go into groups or the top level, never onto a plug-in.
+    EXPECT_FALSE(model().canDropMimeData(drag.get(), Qt::MoveAction, -1, -1, glow));
+    EXPECT_TRUE(model().canDropMimeData(drag.get(), Qt::MoveAction, -1, -1, {}));
+    EXPECT_TRUE(model().dropMimeData(drag.get(), Qt::MoveAction, 0, 0, pack));
+    EXPECT_EQ(rowsDropped, 2u);
+    EXPECT_EQ(droppedOn, model().itemForIndex(pack));
+
+    // Files: one unknown kind refuses the lot; a plain folder is welcome.
+    std::vector<std::string> filesDropped;
+    model().fileDropHandler = [&](const std::vector<std::string>& paths, const KTItemPtr& target) {
+        filesDropped = paths;
+        droppedOn = target;
+    };
+    const std::string incoming = scratch.base() + "/incoming";
+    ScratchRoot::writeFile(incoming + "/Fresh.fxplug/Contents/Info.plist", plist(""));
+    ScratchRoot::writeFile(incoming + "/Stuff.zip", "zip");
+    ScratchRoot::makeDirs(incoming + "/Folder");
+    auto files = [](std::initializer_list<std::string> paths) {
+        auto* data = new QMimeData;
+        QList<QUrl> urls;
+        for (const auto& p : paths) urls << QUrl::fromLocalFile(QString::fromStdString(p));
+        data->setUrls(urls);
+        return std::unique_ptr<QMimeData>(data);
+    };
+    auto mixed = files({incoming + "/Fresh.fxplug", incoming + "/Stuff.zip"});
+    EXPECT_FALSE(model().canDropMimeData(mixed.get(), Qt::CopyAction, -1, -1, pack));
+    auto good = files({incoming + "/Fresh.fxplug", incoming + "/Folder"});
+    EXPECT_TRUE(model().dropMimeData(good.get(), Qt::CopyAction, -1, -1, glow));
+    EXPECT_EQ(filesDropped.size(), 2u);
+    EXPECT_EQ(droppedOn, model().itemForIndex(glow));
+}
+
+TEST_F(MainWindowTest, PrintedListOfAnEmptyAndAFullCatalogue) {
+    EXPECT_EQ(KTPluginListExport::generateHTMLForPrinting({}, false),
+              "<h1>Ambrel</h1><h2>Plugins</h2><table><thead><th>Name</th><th>Type</th></thead>"
+              "<tbody></tbody></table>");
+    const std::string empty = KTPluginListExport::generateHTMLForPrinting({});
+    EXPECT_EQ(empty.rfind("<!DOCTYPE HTML PUBLIC \"-//W3C//DTD HTML 4.01//EN\"", 0), 0u);
+    EXPECT_TRUE(empty.ends_with("<tbody></tbody></table></body></html>"));
+
+    open();
+    auto plugins = app->outlineViewController().allPlugins();
+    const std::string html = KTPluginListExport::generateHTMLForPrinting(plugins);
+    std::size_t rows = 0;
+    for (std::size_t at = html.find("<tr>"); at != std::string::npos;
+         at = html.find("<tr>", at + 1))
+        ++rows;
+    EXPECT_EQ(rows, 5u);
+    EXPECT_NE(html.find("<tr><td>Glow</td><td>FxPlug</td></tr>"), std::string::npos);
+    EXPECT_NE(html.find("<tr><td>Hum</td><td>Audio Unit</td></tr>"), std::string::npos);
+    // What the print dialog prints: Qt's rich text reads the document as a table.
+    QTextDocument document;
+    document.setHtml(QString::fromStdString(html));
+    const QString text = document.toPlainText();
+    EXPECT_TRUE(text.contains("Plugins"));
+    EXPECT_TRUE(text.contains("Haze"));
+    EXPECT_TRUE(text.contains("Audio Unit"));
+}
+
+TEST_F(MainWindowTest, AWorkersQuestionWaitsForTheAnswerAndCancelReachesTheBatch) {
+    open();
+    std::atomic<int> answer{-1};
+    // The box runs its own event loop: answer it from a timer inside that loop.
+    QString shownText;
+    bool answeredBeforeClick = true;
+    QTimer clicker;
+    clicker.setInterval(20);
+    QObject::connect(&clicker, &QTimer::timeout, [&] {
+        auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+        if (!box) return;
+        clicker.stop();
+        shownText = box->text();
+        answeredBeforeClick = answer != -1;
+        for (QAbstractButton* b : box->buttons())
+            if (b->text() == "Cancel") b->click();
+    });
+    clicker.start();
+    std::thread worker([&] {
+        answer = window->userInterface().runAlert(
+            {"Remove?", "It goes to the Trash.", {"Remove", "Cancel"}});
+    });
+    ASSERT_TRUE(waitUntil([&] { return answer != -1; }));
+    worker.join();
+    EXPECT_EQ(shownText, "Remove?");
+    EXPECT_FALSE(answeredBeforeClick);  // the worker waited for the person
+    EXPECT_EQ(answer, 1);
+
+    // The progress sheet, driven from a worker, and its Cancel.
+    std::atomic<bool> sent{false};
+    std::thread batch([&] {
+        app->showProgressWindow();
+        app->setDeterminateProgress(4);
+        app->updateProgressText("Moving files...");
+        app->incrementProgress();
+        sent = true;
+    });
+    ASSERT_TRUE(waitUntil([&] { return sent.load(); }));
+    batch.join();
+    KTQtUserInterface& ui = window->userInterface();
+    ASSERT_TRUE(waitUntil([&] { return ui.progressBar() && ui.progressBar()->value() == 1; }));
+    EXPECT_TRUE(ui.progressSheet()->isVisible());
+    EXPECT_EQ(ui.progressLabel()->text(), "Moving files...");
+    EXPECT_FALSE(app->processingCancelled());
+    ui.cancelProgress();
+    EXPECT_TRUE(app->processingCancelled());
+    app->endProgressWindow();
+    EXPECT_FALSE(ui.progressSheet()->isVisible());
+}
