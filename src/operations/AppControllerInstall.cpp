@@ -46,19 +46,43 @@ std::string join(const std::string& path, const std::string& component) {
     return component.empty() ? path : KTPluginLocations::appendPathComponent(path, component);
 }
 
-/// The entries of a folder as full paths, in name order; nothing on error.
+/// True for a link to the folder it lies in or to one above: following it
+/// would install the same folders again and again.
+bool linksBack(const std::string& entry) {
+    std::error_code ec;
+    if (!fs::is_symlink(fs::symlink_status(entry, ec))) return false;
+    const std::string target = fs::canonical(entry, ec).string();
+    if (ec) return false;
+    const std::string folder = fs::canonical(parentOf(entry), ec).string();
+    return !ec && (folder == target || folder.rfind(target + "/", 0) == 0);
+}
+
+/// The entries of a folder as full paths, in name order, without links back
+/// up the tree; nothing on error.
 std::optional<std::vector<std::string>> folderEntries(const std::string& folder,
                                                       std::string& error) {
     std::vector<std::string> out;
     std::error_code ec;
     fs::directory_iterator it(folder, ec), end;
-    for (; !ec && it != end; it.increment(ec)) out.push_back(join(folder, it->path().filename()));
+    for (; !ec && it != end; it.increment(ec)) {
+        const std::string entry = join(folder, it->path().filename());
+        if (linksBack(entry)) {
+            KTLog::appendLog("Skipping %@ - it links back to a folder above it.", entry);
+            continue;
+        }
+        out.push_back(entry);
+    }
     if (ec) {
         error = ec.message();
         return std::nullopt;
     }
     std::sort(out.begin(), out.end());
     return out;
+}
+
+bool sameFile(const std::string& a, const std::string& b) {
+    std::error_code ec;
+    return fs::equivalent(a, b, ec) && !ec;
 }
 
 }  // namespace
@@ -234,9 +258,14 @@ std::vector<std::string> AppController::installPlugins(const std::vector<std::st
             }
 
             const auto kindFolder = KTPluginLocations::folderForKey(dict, kind.folderKey);
+            if (!kindFolder) {
+                KTLog::appendLog("Unrecognized format. Plugin not installed: %@", path);
+                failed.push_back(path);
+                advance();
+                continue;
+            }
             std::string folder =
-                join(KTLocalPaths::stripTrailingSlash(kindFolder.value_or("")).value_or(""),
-                     kind.subfolder);
+                join(*KTLocalPaths::stripTrailingSlash(*kindFolder), kind.subfolder);
             if (lastComponent(folder) != groupSubdir) folder = join(folder, groupSubdir);
             const std::string destination = join(folder, kind.installedName);
             KTLog::appendLog("Installing plugin %@ to %@...", path, destination);
@@ -275,6 +304,16 @@ std::vector<std::string> AppController::installPlugins(const std::vector<std::st
                 dict, kind.installedName,
                 groupSubdir.empty() ? std::nullopt : std::optional<std::string>(groupSubdir));
             if (!existing && exists(destination)) existing = destination;
+            if (existing && sameFile(*existing, kind.sourcePath)) {
+                // Installing a plug-in from where it already lies: trashing the
+                // "old copy" would throw away the very thing being installed.
+                if (sameFile(destination, kind.sourcePath)) {
+                    KTLog::appendLog("Plugin %@ is already installed at %@.", path, destination);
+                    advance();
+                    continue;
+                }
+                existing.reset();
+            }
             if (existing) {
                 KTLog::appendLog(
                     "Destination plugin %@ already exists. Asking user to overwrite...", *existing);

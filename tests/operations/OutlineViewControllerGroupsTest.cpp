@@ -14,8 +14,13 @@
 #include "support/ScriptedUserInterface.h"
 
 namespace fs = std::filesystem;
+using OVC = OutlineViewController;
 
 namespace {
+
+bool exists(const std::string& p) {
+    return fs::exists(fs::symlink_status(p));
+}
 
 class GroupsTest : public ::testing::Test {
   protected:
@@ -26,24 +31,22 @@ class GroupsTest : public ::testing::Test {
         app->setUserInterface(ui);
     }
     void TearDown() override {
-        if (app) {
-            app->waitForBatchOperations();
-            app->waitForReload();
-        }
+        app->waitForReload();
         KTFileMover::setPrivilegedPauseSecondsForTesting(1);
     }
     void load() {
         app->waitForReload();
         app->loadPluginData();
-        outline().waitForBundleInspection();
     }
-    OutlineViewController& outline() { return app->outlineViewController(); }
+    OVC& outline() { return app->outlineViewController(); }
     std::shared_ptr<KTGroupItem> group(const std::string& subdir) {
         return outline().groupMatchingSubdir(subdir);
     }
-    std::shared_ptr<KTPluginItem> plugin(const std::string& fileName) {
+    /// The plug-in of that file name in that group ("" for the top level).
+    std::shared_ptr<KTPluginItem> plugin(const std::string& fileName, const std::string& in = "*") {
         for (auto& p : outline().allPlugins())
-            if (p->fileName() == fileName) return p;
+            if (p->fileName() == fileName && (in == "*" || p->subdir().value_or("") == in))
+                return p;
         return nullptr;
     }
     std::vector<std::string> alertMessages() const {
@@ -58,152 +61,104 @@ class GroupsTest : public ::testing::Test {
     const std::string fx = s.rootPath("/Library/Plug-Ins/FxPlug");
 };
 
-bool exists(const std::string& p) {
-    return fs::exists(fs::symlink_status(p));
-}
-
 }  // namespace
 
 TEST_F(GroupsTest, NameProposalsAndCleaning) {
     const std::string folder = s.base() + "/groups";
-    ScratchRoot::makeDirs(folder);
-    EXPECT_EQ(OutlineViewController::proposeGroupFilename(folder), "Group");
     ScratchRoot::makeDirs(folder + "/Group 2");
-    EXPECT_EQ(OutlineViewController::proposeGroupFilename(folder), "Group");
+    EXPECT_EQ(OVC::proposeGroupFilename(folder), "Group");
     ScratchRoot::writeFile(folder + "/Group", "a file takes the name too");
-    EXPECT_EQ(OutlineViewController::proposeGroupFilename(folder), "Group 3");
+    EXPECT_EQ(OVC::proposeGroupFilename(folder), "Group 3");
 
-    EXPECT_EQ(OutlineViewController::validateFilename("..x"), ".x");
-    EXPECT_EQ(OutlineViewController::validateFilename("a/b\\c~"), "abc");
-    EXPECT_EQ(OutlineViewController::validateFilename(".Hidden"), "Hidden");
-    EXPECT_EQ(OutlineViewController::validateFilename("."), std::nullopt);
-    EXPECT_EQ(OutlineViewController::validateFilename(""), std::nullopt);
-    EXPECT_EQ(OutlineViewController::validateFilename(std::nullopt), std::nullopt);
+    EXPECT_EQ(OVC::validateFilename("..x"), ".x");
+    EXPECT_EQ(OVC::validateFilename("a/b\\c~"), "abc");
+    EXPECT_EQ(OVC::validateFilename("."), std::nullopt);
 }
 
-TEST_F(GroupsTest, AddGroupPlacesItAndStopsAtTenLevels) {
-    // Groups g0 (level 0) to g10 (level 10), one plug-in at the bottom.
-    std::string subdir = "g0";
-    for (int i = 1; i <= 10; ++i) subdir += "/g" + std::to_string(i);
-    ScratchRoot::writeFile(fx + "/" + subdir + "/Deep.fxplug", "x");
+TEST_F(GroupsTest, AddGroupPlacesItAndStopsAtLevelTen) {
+    std::string level9 = "g0", level10;
+    for (int i = 1; i <= 9; ++i) level9 += "/g" + std::to_string(i);
+    level10 = level9 + "/g10";
+    ScratchRoot::writeFile(fx + "/" + level10 + "/Deep.fxplug", "x");
     ScratchRoot::writeFile(fx + "/g0/Top.fxplug", "x");
     load();
 
-    // Nothing selected: a top-level group in the disabled mirror of the FxPlug folder.
+    // Nothing selected: the disabled mirror of the FxPlug folder, top level.
     auto first = app->addGroup(nullptr);
-    ASSERT_TRUE(first);
-    const std::string mirror = KTPluginLocations::disabledPathForPath(fx);
-    EXPECT_TRUE(fs::is_directory(mirror + "/Group"));
-    EXPECT_EQ(first->subdir(), "Group");
     auto second = app->addGroup(nullptr);
-    ASSERT_TRUE(second);
-    EXPECT_EQ(second->title(), "Group 2");
+    ASSERT_TRUE(first && second);
+    EXPECT_TRUE(fs::is_directory(KTPluginLocations::disabledPathForPath(fx) + "/Group 2"));
+    EXPECT_EQ(second->subdir(), "Group 2");
     const auto top = outline().dataArray();
     EXPECT_NE(std::find(top.begin(), top.end(), second), top.end());
 
-    // A plug-in's own group gets the new group.
+    // A plug-in stands for its group.
     auto inG0 = app->addGroup(plugin("Top.fxplug"));
     ASSERT_TRUE(inG0);
     EXPECT_TRUE(fs::is_directory(fx + "/g0/Group"));
     EXPECT_EQ(inG0->subdir(), "g0/Group");
     EXPECT_EQ(inG0->parent(), group("g0"));
 
-    std::string level9 = "g0";
-    for (int i = 1; i <= 9; ++i) level9 += "/g" + std::to_string(i);
-    ASSERT_EQ(OutlineViewController::outlineLevel(group(level9)), 9);
+    ASSERT_EQ(OVC::outlineLevel(group(level9)), 9);
     EXPECT_TRUE(app->addGroup(group(level9)));
-    EXPECT_TRUE(fs::is_directory(fx + "/" + level9 + "/Group"));
     EXPECT_TRUE(alertMessages().empty());
-
-    EXPECT_FALSE(app->addGroup(group(subdir)));
-    // The plug-in at level 11 is measured itself, not its group.
+    EXPECT_FALSE(app->addGroup(group(level10)));
+    // The plug-in's own level counts, not its group's.
     EXPECT_FALSE(app->addGroup(plugin("Deep.fxplug")));
-    EXPECT_FALSE(exists(fx + "/" + subdir + "/Group"));
+    EXPECT_FALSE(exists(fx + "/" + level10 + "/Group"));
     EXPECT_EQ(alertMessages(),
               std::vector<std::string>(2, "You have reached the limit of 10 subdirectories."));
 }
 
 TEST_F(GroupsTest, RenameMovesEveryFolderOfTheGroupButQuartz) {
     const std::string au = s.homePath("/Library/Audio/Plug-Ins/Components");
-    const std::string vst3 = s.rootPath("/Library/Audio/Plug-Ins/VST3");
+    const std::string vst3 =
+        KTPluginLocations::disabledPathForPath(s.rootPath("/Library/Audio/Plug-Ins/VST3"));
     const std::string quartz = s.rootPath("/Library/Graphics/Quartz Composer Plug-Ins");
     ScratchRoot::writeFile(fx + "/Reverbs/A.fxplug", "a");
     ScratchRoot::writeFile(au + "/Reverbs/B.component", "b");
-    ScratchRoot::writeFile(KTPluginLocations::disabledPathForPath(vst3) + "/Reverbs/C.vst3", "c");
+    ScratchRoot::writeFile(vst3 + "/Reverbs/C.vst3", "c");
     ScratchRoot::writeFile(quartz + "/Reverbs/Q.plugin", "q");
     load();
     auto reverbs = group("Reverbs");
     ASSERT_TRUE(reverbs);
 
     EXPECT_FALSE(outline().renameGroup(reverbs, "Reverbs"));
-    EXPECT_TRUE(exists(fx + "/Reverbs/A.fxplug"));
-
     ASSERT_TRUE(outline().renameGroup(reverbs, "Echoes"));
     EXPECT_TRUE(exists(fx + "/Echoes/A.fxplug"));
     EXPECT_TRUE(exists(au + "/Echoes/B.component"));
-    EXPECT_TRUE(exists(KTPluginLocations::disabledPathForPath(vst3) + "/Echoes/C.vst3"));
+    EXPECT_TRUE(exists(vst3 + "/Echoes/C.vst3"));
     EXPECT_FALSE(exists(fx + "/Reverbs"));
     EXPECT_TRUE(exists(quartz + "/Reverbs/Q.plugin"));
-    EXPECT_FALSE(exists(quartz + "/Echoes"));
     EXPECT_EQ(reverbs->title(), "Echoes");
-    EXPECT_EQ(reverbs->subdir(), "Echoes");
-    EXPECT_EQ(plugin("A.fxplug")->subdir(), "Echoes");
     EXPECT_EQ(plugin("A.fxplug")->pluginPath(), fx + "/Echoes/A.fxplug");
-}
 
-TEST_F(GroupsTest, RenameStopsAtAFolderInTheWayKeepingEarlierOnes) {
-    const std::string au = s.homePath("/Library/Audio/Plug-Ins/Components");
-    ScratchRoot::writeFile(fx + "/Reverbs/A.fxplug", "a");
-    ScratchRoot::writeFile(au + "/Reverbs/B.component", "b");
-    ScratchRoot::writeFile(au + "/Echoes/Other.component", "o");
-    load();
-    auto reverbs = group("Reverbs");
-    ASSERT_TRUE(reverbs);
-    EXPECT_FALSE(outline().renameGroup(reverbs, "Echoes"));
-    EXPECT_TRUE(exists(fx + "/Echoes/A.fxplug"));
-    EXPECT_TRUE(exists(au + "/Reverbs/B.component"));
-    EXPECT_TRUE(exists(au + "/Echoes/Other.component"));
-    EXPECT_FALSE(exists(au + "/Echoes/B.component"));
+    // A folder in the way stops the rename; folders visited before keep the new name.
+    ScratchRoot::makeDirs(au + "/Chorus");
+    EXPECT_FALSE(outline().renameGroup(reverbs, "Chorus"));
+    EXPECT_TRUE(exists(fx + "/Chorus/A.fxplug"));
+    EXPECT_TRUE(exists(au + "/Echoes/B.component"));
 }
 
 TEST_F(GroupsTest, MoveIntoAGroupAsksBeforeReplacing) {
     ScratchRoot::writeFile(fx + "/Glow.fxplug", "new");
     ScratchRoot::writeFile(fx + "/Lights/Glow.fxplug", "old");
-    ScratchRoot::writeFile(fx + "/Lights/Keep.fxplug", "k");
     load();
     auto lights = group("Lights");
-    std::shared_ptr<KTPluginItem> top;
-    for (auto& p : outline().allPlugins())
-        if (p->fileName() == "Glow.fxplug" && !p->subdir()) top = p;
-    ASSERT_TRUE(lights && top);
+    auto glow = plugin("Glow.fxplug", "");
+    ASSERT_TRUE(lights && glow);
 
     ui->answer("Cancel");
-    EXPECT_FALSE(outline().moveItem(top, lights));
+    EXPECT_FALSE(outline().moveItem(glow, lights));
     EXPECT_EQ(ScratchRoot::readFile(fx + "/Lights/Glow.fxplug"), "old");
-    EXPECT_TRUE(exists(fx + "/Glow.fxplug"));
-    ASSERT_EQ(ui->alerts().size(), 1u);
-    EXPECT_EQ(ui->alerts()[0].buttons, (std::vector<std::string>{"Overwrite", "Cancel"}));
+    EXPECT_EQ(ui->alerts().at(0).buttons, (std::vector<std::string>{"Overwrite", "Cancel"}));
 
     ui->answer("Overwrite");
-    EXPECT_TRUE(outline().moveItem(top, lights));
+    EXPECT_TRUE(outline().moveItem(glow, lights));
     EXPECT_EQ(ScratchRoot::readFile(fx + "/Lights/Glow.fxplug"), "new");
     EXPECT_FALSE(exists(fx + "/Glow.fxplug"));
-    EXPECT_EQ(top->subdir(), "Lights");
-    EXPECT_EQ(top->parent(), lights);
-    bool trashed = false;
-    for (const auto& e : fs::recursive_directory_iterator(s.home()))
-        if (e.path().filename() == "Glow.fxplug" &&
-            e.path().string().find("Trash") != std::string::npos)
-            trashed = ScratchRoot::readFile(e.path()) == "old";
-    EXPECT_TRUE(trashed);
-
-    // Without an interface nobody can agree to replace anything.
-    app->setHasGUI(false);
-    ScratchRoot::writeFile(fx + "/Keep.fxplug", "other");
-    auto keep = plugin("Keep.fxplug");
-    EXPECT_FALSE(outline().moveItem(keep, nullptr));
-    EXPECT_EQ(ScratchRoot::readFile(fx + "/Keep.fxplug"), "other");
-    EXPECT_TRUE(exists(fx + "/Lights/Keep.fxplug"));
+    EXPECT_EQ(glow->subdir(), "Lights");
+    EXPECT_EQ(glow->parent(), lights);
 }
 
 TEST_F(GroupsTest, DropMovesEachThingOnceAndNothingAlreadyInPlace) {
@@ -213,59 +168,31 @@ TEST_F(GroupsTest, DropMovesEachThingOnceAndNothingAlreadyInPlace) {
     ScratchRoot::writeFile(fx + "/Loose.fxplug", "l");
     load();
 
-    // Onto the group the plug-in is already in: nothing moves, nothing is asked.
-    KTReorderArgs same;
-    same.objectArray = {plugin("T.fxplug")};
-    same.droppedItem = group("Target");
-    outline().reorderPluginsOnThread(same);
-    app->waitForReload();
+    outline().reorderPluginsOnThread({{plugin("T.fxplug")}, group("Target"), {}});
     EXPECT_TRUE(exists(fx + "/Target/T.fxplug"));
-    EXPECT_TRUE(ui->alerts().empty());
     EXPECT_FALSE(ui->hasEvent("inc"));
 
-    // A group together with one of its own plug-ins, and a loose plug-in.
     load();
-    KTReorderArgs drop;
-    drop.objectArray = {group("Pack"), plugin("P.fxplug"), plugin("Loose.fxplug")};
-    drop.droppedItem = group("Target");
-    outline().reorderPluginsOnThread(drop);
-    app->waitForReload();
+    outline().reorderPluginsOnThread(
+        {{group("Pack"), plugin("P.fxplug"), plugin("Loose.fxplug")}, group("Target"), {}});
     EXPECT_TRUE(exists(fx + "/Target/Pack/P.fxplug"));
     EXPECT_TRUE(exists(fx + "/Target/Pack/Inner/I.fxplug"));
     EXPECT_TRUE(exists(fx + "/Target/Loose.fxplug"));
     EXPECT_FALSE(exists(fx + "/Target/P.fxplug"));
     EXPECT_FALSE(exists(fx + "/Pack"));  // emptied, so removed
     EXPECT_TRUE(ui->alerts().empty());
-    // Three plug-ins in all: no progress window.
-    EXPECT_FALSE(ui->hasEvent("show"));
+    EXPECT_FALSE(ui->hasEvent("show"));  // three plug-ins in all
 
-    // After the reload the tree shows the new places.
-    outline().waitForBundleInspection();
-    ASSERT_TRUE(plugin("P.fxplug"));
-    EXPECT_EQ(plugin("P.fxplug")->subdir(), "Target/Pack");
-}
-
-TEST_F(GroupsTest, DropOfMoreThanThreeShowsProgressAndAFailureStopsIt) {
-    for (const char* n : {"A", "B", "C", "D"}) ScratchRoot::writeFile(fx + "/" + n + ".fxplug", n);
-    ScratchRoot::writeFile(fx + "/Dest/B.fxplug", "in the way");
+    // A failure stops the drop; more than three items showed the progress window.
+    ScratchRoot::writeFile(fx + "/Dest/Loose.fxplug", "in the way");
     load();
-    KTReorderArgs drop;
-    drop.objectArray = {plugin("A.fxplug"), plugin("D.fxplug")};
-    for (auto& p : outline().allPlugins())
-        if (p->fileName() == "B.fxplug" && !p->subdir()) drop.objectArray.push_back(p);
-    drop.objectArray.push_back(plugin("C.fxplug"));
-    drop.droppedItem = group("Dest");
-
-    ui->answer("Cancel");  // do not replace Dest/B.fxplug
-    outline().reorderPluginsOnThread(drop);
-    EXPECT_TRUE(ui->hasEvent("show"));
+    ui->answer("Cancel");
+    outline().reorderPluginsOnThread(
+        {{plugin("T.fxplug"), plugin("Loose.fxplug", "Target"), group("Target/Pack")},
+         group("Dest"),
+         {}});
     EXPECT_TRUE(ui->hasEvent("max 4"));
-    EXPECT_TRUE(ui->hasEvent("text Moving files..."));
-    EXPECT_TRUE(exists(fx + "/Dest/A.fxplug"));
-    EXPECT_TRUE(exists(fx + "/Dest/D.fxplug"));
-    EXPECT_TRUE(exists(fx + "/B.fxplug"));
-    EXPECT_TRUE(exists(fx + "/C.fxplug"));  // the drop stopped before it
-    const auto messages = alertMessages();
-    EXPECT_NE(std::find(messages.begin(), messages.end(), "Unable to move B."), messages.end());
-    EXPECT_TRUE(ui->hasEvent("end"));
+    EXPECT_TRUE(exists(fx + "/Dest/T.fxplug"));
+    EXPECT_TRUE(exists(fx + "/Target/Pack/P.fxplug"));
+    EXPECT_EQ(alertMessages().back(), "Unable to move Loose.");
 }
