@@ -9,6 +9,7 @@
 #include "catalogue/KTOutlineView.h"
 #include "catalogue/OutlineViewController.h"
 #include "operations/KTOperationSupport.h"
+#include "operations/KTOperationTreeLock.h"
 
 namespace fs = std::filesystem;
 using namespace KTOperationSupport;
@@ -82,13 +83,15 @@ std::shared_ptr<KTGroupItem> AppController::addGroup(const KTItemPtr& selected) 
     group->setSubdir(
         parentSubdir.empty() ? name : KTPluginLocations::appendPathComponent(parentSubdir, name));
     onMain([&] {
-        std::lock_guard<std::recursive_mutex> l(outline.treeLock());
-        if (parent) {
-            parent->addChild(group);
-        } else {
-            outline.addItemToDataArray(group);
+        {
+            KTOperationTreeLock l(outline.treeLock());
+            if (parent) {
+                parent->addChild(group);
+            } else {
+                outline.addItemToDataArray(group);
+            }
+            outline.invalidateIndexes();
         }
-        outline.invalidateIndexes();
         KTLog::appendLog("Refreshing OutlineView...");
         if (outline.outlineView()) outline.outlineView()->reloadOutline();
     });

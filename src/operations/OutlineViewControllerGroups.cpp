@@ -15,6 +15,7 @@
 #include "catalogue/OutlineViewController.h"
 #include "operations/KTFileMover.h"
 #include "operations/KTOperationSupport.h"
+#include "operations/KTOperationTreeLock.h"
 
 namespace fs = std::filesystem;
 using namespace KTOperationSupport;
@@ -168,7 +169,7 @@ bool OutlineViewController::renameGroup(const std::shared_ptr<KTGroupItem>& grou
     }
 
     {
-        std::lock_guard<std::recursive_mutex> l(treeLock_);
+        KTOperationTreeLock l(treeLock_);
         group->setSubdir(join(KTPluginLocations::deletingLastPathComponent(subdir), newName));
         // Members of nested groups get the one-level name until the next scan.
         group->renameChildSubdirs(newName);
@@ -278,7 +279,7 @@ bool OutlineViewController::moveItem(const KTItemPtr& item,
         return fail();
     }
     {
-        std::lock_guard<std::recursive_mutex> l(treeLock_);
+        KTOperationTreeLock l(treeLock_);
         const std::optional<std::string> targetSubdir =
             target ? target->subdir() : std::optional<std::string>();
         if (plugin) {
