@@ -12,6 +12,7 @@
 #include <QMimeData>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QRadioButton>
 #include <QSignalSpy>
 #include <QTest>
 #include <QTextDocument>
@@ -299,6 +300,40 @@ TEST_F(MainWindowTest, DragsAndDrops) {
     EXPECT_TRUE(model().dropMimeData(good.get(), Qt::CopyAction, -1, -1, glow));
     EXPECT_EQ(filesDropped.size(), 2u);
     EXPECT_EQ(droppedOn, model().itemForIndex(glow));
+}
+
+TEST_F(MainWindowTest, FilesDroppedOnAPluginRowInstallIntoItsGroup) {
+    open();
+    const std::string incoming = scratch.base() + "/incoming";
+    makeBundle(incoming + "/Fresh.fxplug", "Fresh", "1.1");
+    QModelIndex blur = row("Blur");
+    // The scope question runs its own event loop: answer it from a timer.
+    QString question;
+    QTimer answerer;
+    answerer.setInterval(20);
+    QObject::connect(&answerer, &QTimer::timeout, [&] {
+        auto* sheet = qobject_cast<QDialog*>(QApplication::activeModalWidget());
+        if (!sheet || sheet->objectName() != "installScopeSheet") return;
+        answerer.stop();
+        question = sheet->findChild<QLabel*>()->text();
+        for (QRadioButton* radio : sheet->findChildren<QRadioButton*>())
+            if (radio->text() == "All Users") radio->setChecked(true);
+        for (QAbstractButton* b : sheet->findChildren<QAbstractButton*>())
+            if (b->text() == "Install") b->click();
+    });
+    answerer.start();
+    auto* data = new QMimeData;
+    data->setUrls({QUrl::fromLocalFile(QString::fromStdString(incoming + "/Fresh.fxplug"))});
+    std::unique_ptr<QMimeData> drop(data);
+    ASSERT_TRUE(model().dropMimeData(drop.get(), Qt::CopyAction, -1, -1, blur));
+    // The dropped-on row alone is selected: the installation targets its group.
+    ASSERT_EQ(window->selectedItems().size(), 1u);
+    EXPECT_EQ(window->selectedItems()[0]->sortName(), "Blur");
+    ASSERT_TRUE(
+        waitUntil([&] { return fs::exists(fx + "/Pack/Fresh.fxplug/Contents/Info.plist"); }));
+    EXPECT_TRUE(question.contains("this plugin"));
+    ASSERT_TRUE(waitUntil([&] { return row("Fresh").isValid() && !window->isShowingReload(); }));
+    EXPECT_EQ(model().itemForIndex(row("Fresh").parent())->sortName(), "Pack");
 }
 
 TEST_F(MainWindowTest, PrintedListOfAnEmptyAndAFullCatalogue) {

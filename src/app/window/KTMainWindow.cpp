@@ -3,7 +3,10 @@
 #include <QAction>
 #include <QApplication>
 #include <QComboBox>
+#include <QDialogButtonBox>
 #include <QEventLoop>
+#include <QFileDialog>
+#include <QFileSystemModel>
 #include <QHeaderView>
 #include <QItemSelectionModel>
 #include <QLabel>
@@ -13,12 +16,15 @@
 #include <QPrintDialog>
 #include <QPrinter>
 #include <QProgressBar>
+#include <QPushButton>
+#include <QRadioButton>
 #include <QStatusBar>
 #include <QStyle>
 #include <QTextDocument>
 #include <QTimer>
 #include <QToolBar>
 #include <QTreeView>
+#include <QVBoxLayout>
 #include <algorithm>
 #include <functional>
 #include <thread>
@@ -34,6 +40,7 @@
 #include "catalogue/KTPluginItem.h"
 #include "catalogue/OutlineViewController.h"
 #include "installer/KTPluginListExport.h"
+#include "operations/KTInstallArgs.h"
 
 namespace {
 
@@ -98,7 +105,7 @@ KTMainWindow::KTMainWindow(AppController& app, QWidget* parent)
     tree_->setDragDropMode(QAbstractItemView::DragDrop);
     tree_->setDefaultDropAction(Qt::MoveAction);
     tree_->setDropIndicatorShown(true);
-    tree_->setEditTriggers(QAbstractItemView::NoEditTriggers);
+    tree_->setEditTriggers(QAbstractItemView::EditKeyPressed);
     tree_->setSortingEnabled(false);
     tree_->setIconSize(QSize(16, 16));
     QHeaderView* header = tree_->header();
@@ -127,8 +134,41 @@ KTMainWindow::KTMainWindow(AppController& app, QWidget* parent)
     };
     model_->statusEditable = true;
     model_->scopeEditable = true;
-    // Installing and moving rows into groups arrive with their operations:
-    // until then the outline refuses file and row drops.
+    model_->fileDropHandler = [this](const std::vector<std::string>& paths,
+                                     const KTItemPtr& target) {
+        // The installation goes into the group of the row under the drop.
+        QModelIndex row = model_->indexForItem(target.get());
+        if (row.isValid())
+            tree_->selectionModel()->select(
+                row, QItemSelectionModel::ClearAndSelect | QItemSelectionModel::Rows);
+        else
+            tree_->clearSelection();
+        // After the drop has ended: the scope question is a window-modal dialog.
+        QTimer::singleShot(0, this, [this, paths] { installFiles(paths); });
+    };
+    model_->rowDropHandler = [this](const KTItemList& items, const KTItemPtr& target,
+                                    const std::vector<std::string>& expanded) {
+        app_.setProcessingCancelled(false);
+        KTReorderArgs args{items, target, expanded};
+        app_.batchThreads().start([this, args] { controller_.reorderPluginsOnThread(args); });
+    };
+    model_->renameHandler = [this](const KTItemPtr& item, const std::string& typed) {
+        auto name = OutlineViewController::validateFilename(typed);
+        if (!name || !item || !item->isGroup()) return;
+        auto group = std::static_pointer_cast<KTGroupItem>(item);
+        app_.batchThreads().start([this, group, name] {
+            controller_.renameGroup(group, *name);
+            reloadOutline();
+        });
+    };
+    app_.setSelectedItemProvider([this] {
+        KTItemPtr first;
+        onMain([&] {
+            const KTItemList items = selectedItems();
+            if (!items.empty()) first = items.front();
+        });
+        return first;
+    });
 
     count_ = new QLabel(this);
     spinner_ = new QProgressBar(this);
@@ -182,10 +222,16 @@ void KTMainWindow::buildActions() {
     // Groups and installing come with their operations; shown, not yet usable.
     addGroupAction_ = new QAction(style->standardIcon(QStyle::SP_FileDialogNewFolder),
                                   QStringLiteral("Add Group"), this);
-    addGroupAction_->setEnabled(false);
+    connect(addGroupAction_, &QAction::triggered, this, [this] { addGroup(); });
+    renameAction_ = new QAction(QStringLiteral("Rename Group"), this);
+    connect(renameAction_, &QAction::triggered, this, [this] {
+        QModelIndex current = tree_->currentIndex();
+        if (current.isValid()) tree_->edit(current.siblingAtColumn(KTOutlineModel::colName));
+    });
     installAction_ = new QAction(style->standardIcon(QStyle::SP_DialogOpenButton),
                                  QStringLiteral("Install..."), this);
-    installAction_->setEnabled(false);
+    installAction_->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_I));
+    connect(installAction_, &QAction::triggered, this, [this] { chooseFilesToInstall(); });
 
     printAction_ = new QAction(QStringLiteral("Print..."), this);
     printAction_->setShortcut(QKeySequence::Print);
@@ -231,6 +277,7 @@ void KTMainWindow::buildMenus() {
     plugins->addAction(enableAction_);
     plugins->addAction(scopeAction_);
     plugins->addAction(addGroupAction_);
+    plugins->addAction(renameAction_);
     plugins->addSeparator();
     plugins->addAction(removeAction_);
     plugins->addAction(deleteDisabledAction_);
@@ -332,6 +379,7 @@ void KTMainWindow::enableAndConfigureButtons() {
         enableAction_->setEnabled(any);
         scopeAction_->setEnabled(any);
         removeAction_->setEnabled(any);
+        renameAction_->setEnabled(items.size() == 1 && items.front()->isGroup());
         const bool idle = !reloading_;
         deleteDisabledAction_->setEnabled(idle);
         printAction_->setEnabled(idle);
@@ -573,6 +621,88 @@ void KTMainWindow::toggleScope() {
 
 void KTMainWindow::removeSelection() {
     app_.remove(selectedItems());
+}
+
+void KTMainWindow::addGroup() {
+    const KTItemList items = selectedItems();
+    auto group = app_.addGroup(items.empty() ? nullptr : items.front());
+    if (!group) return;
+    sortByColumn(KTOutlineModel::columnForIdentifier(
+                     KTPreferences::standard().stringForKey("sortedColumn").value_or("colName")),
+                 KTPreferences::standard().boolForKey("sortedDescending"));
+    QModelIndex row = model_->indexForItem(group.get());
+    if (!row.isValid()) return;
+    if (row.parent().isValid()) tree_->expand(row.parent());
+    tree_->selectionModel()->select(
+        row, QItemSelectionModel::ClearAndSelect | QItemSelectionModel::Rows);
+    tree_->setCurrentIndex(row);
+    tree_->scrollTo(row);
+    tree_->edit(row);
+}
+
+void KTMainWindow::chooseFilesToInstall() {
+    QFileDialog dialog(this, QStringLiteral("Install Plugins"));
+    dialog.setWindowModality(Qt::WindowModal);
+    // Plug-in bundles are folders here: Qt's own dialog lets them be picked like files.
+    dialog.setOption(QFileDialog::DontUseNativeDialog, true);
+    dialog.setFileMode(QFileDialog::ExistingFiles);
+    dialog.setNameFilters({QStringLiteral("Plugins (*.fxplug *.txt *.bundle *.avx *.dpm *.plugin "
+                                          "*.component *.fcfcc *.vst *.vst2 *.vst3 *.moti *.moef "
+                                          "*.motn *.motr)"),
+                           QStringLiteral("All Files (*)")});
+    std::vector<std::string> chosen;
+    auto* fsModel = dialog.findChild<QFileSystemModel*>();
+    auto* buttons = dialog.findChild<QDialogButtonBox*>();
+    QPushButton* open = buttons ? buttons->button(QDialogButtonBox::Open) : nullptr;
+    if (fsModel && open) {
+        for (QAbstractItemView* view : dialog.findChildren<QAbstractItemView*>())
+            if (view->model() == fsModel)
+                view->setSelectionMode(QAbstractItemView::ExtendedSelection);
+        open->disconnect(SIGNAL(clicked()));
+        connect(open, &QPushButton::clicked, &dialog, [&] {
+            QStringList picked;
+            for (QAbstractItemView* view : dialog.findChildren<QAbstractItemView*>()) {
+                if (view->model() != fsModel || !view->isVisible()) continue;
+                for (const QModelIndex& index : view->selectionModel()->selectedRows())
+                    picked << fsModel->filePath(index);
+            }
+            if (picked.isEmpty()) picked = dialog.selectedFiles();
+            for (const QString& p : picked) chosen.push_back(p.toStdString());
+            static_cast<QDialog&>(dialog).done(QDialog::Accepted);
+        });
+    }
+    if (dialog.exec() != QDialog::Accepted) return;
+    if (chosen.empty())
+        for (const QString& p : dialog.selectedFiles()) chosen.push_back(p.toStdString());
+    if (!chosen.empty()) installFiles(chosen);
+}
+
+void KTMainWindow::installFiles(const std::vector<std::string>& paths) {
+    app_.setProcessingCancelled(false);
+    if (!app_.displayInstallPrompt(paths)) return;
+    // The scope question: all users or only the current user.
+    QDialog sheet(this);
+    sheet.setObjectName(QStringLiteral("installScopeSheet"));
+    sheet.setWindowModality(Qt::WindowModal);
+    sheet.setWindowTitle(QStringLiteral("Install Plugins"));
+    auto* layout = new QVBoxLayout(&sheet);
+    auto* text = new QLabel(qs(app_.installPromptText()), &sheet);
+    text->setWordWrap(true);
+    auto* allUsers = new QRadioButton(QStringLiteral("All Users"), &sheet);
+    auto* currentUser = new QRadioButton(QStringLiteral("Current User"), &sheet);
+    (app_.installForUser ? currentUser : allUsers)->setChecked(true);
+    auto* buttons = new QDialogButtonBox(&sheet);
+    buttons->addButton(QStringLiteral("Install"), QDialogButtonBox::AcceptRole);
+    buttons->addButton(QDialogButtonBox::Cancel);
+    connect(buttons, &QDialogButtonBox::accepted, &sheet, &QDialog::accept);
+    connect(buttons, &QDialogButtonBox::rejected, &sheet, &QDialog::reject);
+    layout->addWidget(text);
+    layout->addWidget(allUsers);
+    layout->addWidget(currentUser);
+    layout->addWidget(buttons);
+    const int result = sheet.exec();
+    app_.installPromptSheetDidEnd(result == QDialog::Accepted ? 1 : 0,
+                                  currentUser->isChecked() ? 0 : 1);
 }
 
 void KTMainWindow::deleteAllDisabled() {

@@ -62,6 +62,9 @@ class KTMainWindow : public QMainWindow, public KTOutlineView {
 
     /// The print dialog over the plug-in list (it also saves PDF).
     void printPluginList();
+    /// Installs files (dropped or chosen) into the selected row's group,
+    /// asking for the scope when their kinds have one.
+    void installFiles(const std::vector<std::string>& paths);
 
     // For tests and the screenshot.
     QTreeView* outline() const { return tree_; }
@@ -93,6 +96,8 @@ class KTMainWindow : public QMainWindow, public KTOutlineView {
     void toggleEnabled();
     void toggleScope();
     void removeSelection();
+    void addGroup();
+    void chooseFilesToInstall();
     void deleteAllDisabled();
     void toggleRequireAdminPassword(bool on);
     void setBusy(bool busy);
@@ -111,6 +116,7 @@ class KTMainWindow : public QMainWindow, public KTOutlineView {
     QAction* removeAction_ = nullptr;
     QAction* deleteDisabledAction_ = nullptr;
     QAction* addGroupAction_ = nullptr;
+    QAction* renameAction_ = nullptr;
     QAction* installAction_ = nullptr;
     QAction* printAction_ = nullptr;
     QAction* adminAction_ = nullptr;

@@ -349,6 +349,12 @@ QVariant KTOutlineModel::data(const QModelIndex& index, int role) const {
 }
 
 bool KTOutlineModel::setData(const QModelIndex& index, const QVariant& value, int role) {
+    if (role == Qt::EditRole && index.column() == colName && renameHandler) {
+        KTItemPtr item = itemForIndex(index);
+        if (!item || !item->isGroup()) return false;
+        renameHandler(item, value.toString().toStdString());
+        return true;
+    }
     if (role != Qt::CheckStateRole || !index.isValid() || !checkHandler) return false;
     const int column = index.column();
     if (!(column == colStatus && statusEditable) && !(column == colUser && scopeEditable))
@@ -390,6 +396,7 @@ Qt::ItemFlags KTOutlineModel::flags(const QModelIndex& index) const {
     const KTItemPtr& item = nodeFor(index)->item;
     if (!item) return f;
     if (item->isGroup()) f |= Qt::ItemIsDropEnabled;
+    if (item->isGroup() && index.column() == colName && renameHandler) f |= Qt::ItemIsEditable;
     const bool locked = !item->isGroup() && static_cast<const KTPluginItem&>(*item).isLocked();
     if (index.column() == colStatus && statusEditable && !locked) f |= Qt::ItemIsUserCheckable;
     if (index.column() == colUser && scopeEditable && !locked &&

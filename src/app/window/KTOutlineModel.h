@@ -55,6 +55,8 @@ class KTOutlineModel : public QAbstractItemModel {
     /// the sub-folders of dragged groups that were expanded).
     std::function<void(const KTItemList&, const KTItemPtr&, const std::vector<std::string>&)>
         rowDropHandler;
+    /// A group's name was edited in place: (group, the typed name).
+    std::function<void(const KTItemPtr&, const std::string&)> renameHandler;
     /// Whether a group row is expanded in the view (for drags of groups).
     std::function<bool(const KTItemPtr&)> isExpanded;
     /// Which of the two check-box columns may be clicked now.
