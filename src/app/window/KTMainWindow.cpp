@@ -115,7 +115,7 @@ KTMainWindow::KTMainWindow(AppController& app, QWidget* parent)
     header->setSectionResizeMode(KTOutlineModel::colName, QHeaderView::Stretch);
     header->resizeSection(KTOutlineModel::colStatus, 70);
     header->resizeSection(KTOutlineModel::colVersion, 90);
-    header->resizeSection(KTOutlineModel::colType, 150);
+    header->resizeSection(KTOutlineModel::colType, 185);
     header->resizeSection(KTOutlineModel::colUser, 140);
     connect(header, &QHeaderView::sectionClicked, this, [this](int c) { columnHeaderClicked(c); });
     connect(tree_, &QTreeView::expanded, this,
@@ -183,7 +183,7 @@ KTMainWindow::KTMainWindow(AppController& app, QWidget* parent)
     buildActions();
     buildMenus();
     buildToolbar();
-    resize(900, 600);
+    resize(1000, 640);
 
     app_.setUserInterface(ui_);
     controller_.setOutlineView(this);
