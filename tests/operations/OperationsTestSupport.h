@@ -80,8 +80,8 @@ struct OperationsWorld {
     std::string trash() const {
         std::string names;
         std::error_code ec;
-        for (auto& e : std::filesystem::directory_iterator(
-                 scratch.homePath("/.local/share/Trash/files"), ec))
+        for (auto& e :
+             std::filesystem::directory_iterator(scratch.homePath("/.local/share/Trash/files"), ec))
             names += e.path().filename().string() + "\n";
         return names;
     }

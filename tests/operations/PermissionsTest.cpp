@@ -25,19 +25,6 @@ TEST(PermissionsTest, ConvertsTheOldLayoutIntoTheDisabledFolder) {
               std::optional<std::string>(w.fx("/.Disabled/Gone.fxplug")));
 }
 
-TEST(PermissionsTest, StripComponents) {
-    std::vector<std::string> list = {"/", "a", "b", "a", "c", "d"};
-    AppController::stripComponents({}, list);
-    EXPECT_EQ(list.size(), 6u);
-    AppController::stripComponents({"a"}, list);
-    EXPECT_EQ(list, (std::vector<std::string>{"/", "b", "c", "d"}));
-    AppController::stripComponents({"b", "x", "d"}, list);  // only the ends count
-    EXPECT_EQ(list, (std::vector<std::string>{"/"}));
-    std::vector<std::string> other = {"x", "y"};
-    AppController::stripComponents({"x", "missing"}, other);
-    EXPECT_EQ(other.size(), 2u);
-}
-
 TEST(PermissionsTest, NoQuestionWhenTheDisabledFolderIsUsable) {
     OperationsWorld w;
     w.withInterface();
@@ -45,10 +32,4 @@ TEST(PermissionsTest, NoQuestionWhenTheDisabledFolderIsUsable) {
     w.app->checkPermissions();
     EXPECT_TRUE(pathExists(w.disabled()));  // made on the way
     EXPECT_TRUE(w.ui->alerts().empty());
-
-    // The environment variable really is named with its dollar sign.
-    ::setenv("$USER", "someone", 1);
-    EXPECT_EQ(OutlineViewController::currentUser(), std::optional<std::string>("someone"));
-    ::unsetenv("$USER");
-    EXPECT_FALSE(OutlineViewController::currentUser());
 }
