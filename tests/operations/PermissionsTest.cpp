@@ -1,5 +1,7 @@
 // Permission repair at start-up and the conversion of the old ".Disabled" layout.
 #include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <unistd.h>
 
 #include "OperationsTestSupport.h"
 
@@ -32,4 +34,21 @@ TEST(PermissionsTest, NoQuestionWhenTheDisabledFolderIsUsable) {
     w.app->checkPermissions();
     EXPECT_TRUE(pathExists(w.disabled()));  // made on the way
     EXPECT_TRUE(w.ui->alerts().empty());
+}
+
+TEST(PermissionsTest, AnUnusableDisabledFolderAsksRepairOrCancel) {
+    if (::geteuid() != 0) GTEST_SKIP() << "mounting a read-only tmpfs needs root";
+    OperationsWorld w;
+    const std::string tallowby = KTPluginLocations::deletingLastPathComponent(w.disabled());
+    ScratchRoot::makeDirs(tallowby);
+    if (::mount("tmpfs", tallowby.c_str(), "tmpfs", MS_RDONLY, "size=1m") != 0)
+        GTEST_SKIP() << "no tmpfs could be mounted here";
+    w.withInterface();
+    w.ui->answer("Cancel");
+    w.app->checkPermissions();
+    ::umount2(tallowby.c_str(), MNT_DETACH);
+    ASSERT_EQ(w.ui->alerts().size(), 1u);
+    EXPECT_EQ(w.ui->alerts()[0].message, "Permissions incorrectly set");
+    EXPECT_EQ(w.ui->alerts()[0].buttons, (std::vector<std::string>{"Repair", "Cancel"}));
+    EXPECT_TRUE(w.logged("Permissions incorrectly set. Asking user to repair..."));
 }
