@@ -237,16 +237,31 @@ TEST_F(MainWindowTest, UntickingTheStatusBoxDisablesOnDiskAndUpdatesTheCount) {
         KTPluginLocations::disabledPath() + "/Library/Plug-Ins/FxPlug/Glow.fxplug";
     ASSERT_TRUE(model().setData(row("Glow").siblingAtColumn(Col::colStatus), Qt::Unchecked,
                                 Qt::CheckStateRole));
-    ASSERT_TRUE(waitUntil([&] { return window->countLine()->text() == "5 plugins, 3 enabled"; }));
-    EXPECT_TRUE(fs::exists(disabledGlow));
+    ASSERT_TRUE(waitUntil([&] {
+        return fs::exists(disabledGlow) && window->countLine()->text() == "5 plugins, 3 enabled";
+    }));
     EXPECT_FALSE(fs::exists(fx + "/Glow.fxplug"));
     EXPECT_EQ(checkState(row("Glow"), Col::colStatus), Qt::Unchecked);
 
     // Ticking the box of a disabled plug-in brings it back.
     ASSERT_TRUE(model().setData(row("Dim").siblingAtColumn(Col::colStatus), Qt::Checked,
                                 Qt::CheckStateRole));
-    ASSERT_TRUE(waitUntil([&] { return window->countLine()->text() == "5 plugins, 4 enabled"; }));
-    EXPECT_TRUE(fs::exists(fx + "/Dim.fxplug"));
+    ASSERT_TRUE(waitUntil([&] {
+        return fs::exists(fx + "/Dim.fxplug") &&
+               window->countLine()->text() == "5 plugins, 4 enabled";
+    }));
+
+    // A group's box moves its members; the locked one stays, so the group is mixed.
+    const std::string disabledBlur =
+        KTPluginLocations::disabledPath() + "/Library/Plug-Ins/FxPlug/Pack/Blur.fxplug";
+    ASSERT_TRUE(model().setData(row("Pack").siblingAtColumn(Col::colStatus), Qt::Unchecked,
+                                Qt::CheckStateRole));
+    ASSERT_TRUE(waitUntil([&] {
+        return fs::exists(disabledBlur) && window->countLine()->text() == "5 plugins, 3 enabled";
+    }));
+    window->waitForBackgroundWork();
+    EXPECT_TRUE(fs::exists(fx + "/Pack/Haze.fxplug"));
+    EXPECT_EQ(checkState(row("Pack"), Col::colStatus), Qt::PartiallyChecked);
 }
 
 TEST_F(MainWindowTest, DragsAndDrops) {

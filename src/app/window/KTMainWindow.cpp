@@ -192,6 +192,7 @@ KTMainWindow::KTMainWindow(AppController& app, QWidget* parent)
 
 KTMainWindow::~KTMainWindow() {
     controller_.setOutlineView(nullptr);
+    app_.setSelectedItemProvider(nullptr);
     ui_->onBusyChanged = nullptr;
     ui_->onReloadStarted = nullptr;
     ui_->onReloadFinished = nullptr;
@@ -338,11 +339,21 @@ void KTMainWindow::reloadItem(const KTItemPtr& item) {
 }
 
 void KTMainWindow::reloadItemAndChildren(const KTItemPtr& item) {
-    onMain([this] { model_->rebuild(); });
+    onMain([this, item] {
+        model_->refreshSubtree(item.get());
+        for (auto parent = item ? item->parent() : nullptr; parent; parent = parent->parent())
+            model_->refreshItem(parent.get());
+    });
 }
 
 void KTMainWindow::reloadParentOfItem(const KTItemPtr& item) {
-    onMain([this] { model_->rebuild(); });
+    onMain([this, item] {
+        auto parent = item ? item->parent() : nullptr;
+        model_->refreshItem(item.get());  // its row in a search result too
+        model_->refreshSubtree(parent.get());
+        for (auto above = parent ? parent->parent() : nullptr; above; above = above->parent())
+            model_->refreshItem(above.get());
+    });
 }
 
 void KTMainWindow::refreshPluginStats() {

@@ -133,6 +133,37 @@ void KTOutlineModel::refreshItem(const KTItem* item) {
     emit dataChanged(first, first.siblingAtColumn(columnCount_ - 1));
 }
 
+void KTOutlineModel::refreshSubtree(const KTItem* group) {
+    Node* node = root_.get();
+    KTItemList current;
+    {
+        KTTreeLockGuard l(controller_.treeLock());
+        if (group) {
+            auto it = nodes_.find(group);
+            if (it == nodes_.end() || !group->isGroup()) return refreshItem(group);
+            node = it->second;
+            current = static_cast<const KTGroupItem*>(group)->children();
+        } else {
+            current = controller_.visibleArray();
+        }
+    }
+    current.erase(std::remove(current.begin(), current.end(), nullptr), current.end());
+    bool same = current.size() == node->children.size();
+    for (std::size_t i = 0; same && i < current.size(); ++i)
+        same = current[i] == node->children[i]->item;
+    // A member came or went: only a rebuild shows it. Otherwise the rows stay.
+    if (!same) return rebuild();
+    std::function<void(Node*)> redraw = [&](Node* n) {
+        if (n->children.empty()) return;
+        emit dataChanged(
+            createIndex(0, 0, n->children.front().get()),
+            createIndex(n->children.back()->row, columnCount_ - 1, n->children.back().get()));
+        for (auto& child : n->children) redraw(child.get());
+    };
+    if (node != root_.get()) refreshItem(group);
+    redraw(node);
+}
+
 KTOutlineModel::Node* KTOutlineModel::nodeFor(const QModelIndex& index) const {
     return index.isValid() ? static_cast<Node*>(index.internalPointer()) : root_.get();
 }

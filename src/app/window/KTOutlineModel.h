@@ -40,6 +40,9 @@ class KTOutlineModel : public QAbstractItemModel {
     void rebuild();
     /// Redraws the cells of one item.
     void refreshItem(const KTItem* item);
+    /// Redraws a group's rows and all below them (null: the whole outline);
+    /// rebuilds the rows when the group's children are no longer those shown.
+    void refreshSubtree(const KTItem* group);
 
     KTItemPtr itemForIndex(const QModelIndex& index) const;
     QModelIndex indexForItem(const KTItem* item, int column = 0) const;
