@@ -61,7 +61,17 @@ void OutlineViewController::removeItemFromTree(const KTItemPtr& item) {
             filteredArray_.erase(std::remove(filteredArray_.begin(), filteredArray_.end(), item),
                                  filteredArray_.end());
         }
-        invalidateIndexes();
+        if (item->isGroup()) {
+            invalidateIndexes();
+        } else {
+            // Only this plug-in's entries go: a batch removing thousands of
+            // plug-ins must not rebuild the whole index after each one.
+            const auto& plugin = static_cast<const KTPluginItem&>(*item);
+            for (const std::string& key : {plugin.actualPath(), plugin.pluginPath()}) {
+                auto hit = pathIndex_.find(key);
+                if (hit != pathIndex_.end() && hit->second.lock() == item) pathIndex_.erase(hit);
+            }
+        }
         if (topLevel && outlineView()) outlineView()->reloadOutline();
     });
 }
