@@ -1,5 +1,7 @@
 #include "catalogue/KTPluginItem.h"
 
+#include <atomic>
+
 #include "catalogue/KTGroupItem.h"
 #include "catalogue/KTPluginLocations.h"
 
@@ -13,6 +15,13 @@ std::mutex& inspectorMutex() {
 KTPluginItem::BundleInspector& inspectorSlot() {
     static KTPluginItem::BundleInspector inspector;
     return inspector;
+}
+
+std::atomic<std::uint64_t> gRenames{0};
+
+bool endsWithComponent(const std::string& path, const std::string& name) {
+    return path.size() > name.size() && path.compare(path.size() - name.size(), name.size(), name) == 0 &&
+           path[path.size() - name.size() - 1] == '/';
 }
 
 KTComparisonResult compareNumbers(long long a, long long b) {
@@ -95,7 +104,10 @@ void KTPluginItem::setArchitectures(const std::vector<std::string>& v) {
     architectures_ = v;
 }
 
+std::uint64_t KTPluginItem::renameCount() { return gRenames.load(); }
+
 void KTPluginItem::setFileName(const std::string& v) {
+    if (v != fileName_) ++gRenames;
     updateActualPath();
     fileName_ = v;
     updateActualPath();
@@ -164,6 +176,7 @@ std::string KTPluginItem::actualPath() const {
 }
 
 void KTPluginItem::setActualPath(const std::string& v) {
+    if (!endsWithComponent(v, fileName_)) ++gRenames;
     std::lock_guard<std::mutex> lock(detailsMutex_);
     actualPath_ = v;
 }

@@ -90,6 +90,10 @@ class KTPluginItem : public KTItem {
     KTItemPtr copyItem() const override { return copy(); }
 
     static bool isNumeric(const std::string& text);
+    /// Counts, process-wide, the changes of an item's file name (and of an
+    /// actual path whose last component is not the file name): path indexes
+    /// keyed by name are stale when it moved.
+    static std::uint64_t renameCount();
 
     /// The work of the inspection thread (reads the bundle at `actualPath`
     /// and fills in name, version and architectures); it should return soon

@@ -224,27 +224,47 @@ std::shared_ptr<KTGroupItem> OutlineViewController::groupMatchingSubdir(const st
 }
 
 void OutlineViewController::rebuildPathIndex() {
+    // One look for the Adobe folder, not one per Adobe plug-in.
+    KTPluginLocations::FolderCache folders;
     pathIndex_.clear();
+    nameIndex_.clear();
+    indexedRenames_ = KTPluginItem::renameCount();
     for (const auto& p : allPlugins()) {
         pathIndex_[p->actualPath()] = p;
         pathIndex_.emplace(p->pluginPath(), p);
+        nameIndex_.emplace(p->fileName(), p);
     }
     indexedGeneration_ = treeGeneration_;
 }
 
 std::shared_ptr<KTPluginItem> OutlineViewController::pluginFromPath(const std::string& path) {
     std::lock_guard<std::recursive_mutex> l(treeLock_);
+    auto matches = [&](const std::shared_ptr<KTPluginItem>& item) {
+        return item && (item->actualPath() == path || item->pluginPath() == path);
+    };
     auto lookup = [&]() -> std::shared_ptr<KTPluginItem> {
         auto it = pathIndex_.find(path);
         if (it == pathIndex_.end()) return nullptr;
         auto item = it->second.lock();
-        if (item && (item->actualPath() == path || item->pluginPath() == path)) return item;
-        return nullptr;
+        return matches(item) ? item : nullptr;
     };
-    if (indexedGeneration_ == treeGeneration_) {
+    if (indexedGeneration_ == treeGeneration_ && indexedRenames_ == KTPluginItem::renameCount()) {
         if (auto hit = lookup()) return hit;
+        // Same items, same names: a plug-in that moved since the index was
+        // built is among those of its name. A batch that moves every plug-in
+        // and asks for some the tree does not hold would otherwise rebuild
+        // the whole index once per miss.
+        const auto slash = path.rfind('/');
+        const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+        auto [first, last] = nameIndex_.equal_range(name);
+        for (auto it = first; it != last; ++it) {
+            auto item = it->second.lock();
+            if (!matches(item)) continue;
+            pathIndex_[path] = item;
+            return item;
+        }
+        return nullptr;
     }
-    // The tree changed or an item moved since the index was built.
     rebuildPathIndex();
     return lookup();
 }

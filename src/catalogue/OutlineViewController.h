@@ -221,6 +221,9 @@ private:
     bool loading_ = false;
     std::unordered_map<std::string, std::shared_ptr<KTGroupItem>> groupIndex_;
     std::unordered_map<std::string, std::weak_ptr<KTPluginItem>> pathIndex_;
+    /// The same items by file name, which a move keeps.
+    std::unordered_multimap<std::string, std::weak_ptr<KTPluginItem>> nameIndex_;
+    std::uint64_t indexedRenames_ = 0;
     std::atomic<std::uint64_t> treeGeneration_{0};
     std::uint64_t indexedGeneration_ = ~0ull;
 
