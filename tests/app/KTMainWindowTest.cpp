@@ -4,6 +4,7 @@
 // answering a worker thread.
 #include <QAbstractButton>
 #include <QApplication>
+#include <QComboBox>
 #include <QDialog>
 #include <QHeaderView>
 #include <QLabel>
@@ -349,6 +350,77 @@ TEST_F(MainWindowTest, FilesDroppedOnAPluginRowInstallIntoItsGroup) {
     EXPECT_TRUE(question.contains("this plugin"));
     ASSERT_TRUE(waitUntil([&] { return row("Fresh").isValid() && !window->isShowingReload(); }));
     EXPECT_EQ(model().itemForIndex(row("Fresh").parent())->sortName(), "Pack");
+}
+
+TEST_F(MainWindowTest, TheFilterPopUpReloadsWithTheChosenFolders) {
+    open();
+    QComboBox* filter = window->filterPopup();
+    const int audio = filter->findData(8);
+    ASSERT_GE(audio, 0);
+    QSignalSpy shown(window.get(), &KTMainWindow::catalogueShown);
+    filter->setCurrentIndex(audio);
+    emit filter->activated(audio);
+    ASSERT_TRUE(shown.wait(20000));
+    window->waitForBackgroundWork();
+    EXPECT_EQ(KTPreferences::standard().integerForKey("filter"), 8);
+    EXPECT_EQ(topNames(), QStringList{"Hum"});
+    EXPECT_EQ(window->countLine()->text(), "1 plugin, 1 enabled");
+}
+
+TEST_F(MainWindowTest, ArchitectureSelectionsPickPluginsThatCannotRunElsewhere) {
+    auto withExecutable = [](const std::string& path, std::vector<uint32_t> cpus) {
+        ScratchRoot::writeFile(path + "/Contents/Info.plist",
+                               plist("<key>CFBundleExecutable</key><string>exe</string>"));
+        std::string exe;
+        auto be = [&](uint32_t v) {
+            for (int shift = 24; shift >= 0; shift -= 8) exe += char((v >> shift) & 0xff);
+        };
+        be(0xcafebabe), be(uint32_t(cpus.size()));
+        for (auto c : cpus) be(c), be(3), be(4096), be(4096), be(12);
+        ScratchRoot::writeFile(path + "/Contents/MacOS/exe", exe);
+    };
+    withExecutable(fx + "/Old/Intel32.fxplug", {7});
+    withExecutable(fx + "/Old/Ppc.fxplug", {18});
+    withExecutable(fx + "/Universal.fxplug", {7, 0x01000007});
+    open();
+    auto selectedNames = [&] {
+        QStringList names;
+        for (const auto& item : window->selectedItems())
+            names << QString::fromStdString(item->sortName());
+        names.sort();
+        return names;
+    };
+    window->selectPluginsForArchitecture(KTMainWindow::ArchitectureSelection::only32Bit);
+    EXPECT_EQ(selectedNames(), (QStringList{"Intel32", "Ppc"}));
+    EXPECT_TRUE(window->outline()->isExpanded(row("Old")));
+    window->selectPluginsForArchitecture(KTMainWindow::ArchitectureSelection::onlyPPC);
+    EXPECT_EQ(selectedNames(), QStringList{"Ppc"});
+    window->selectPluginsForArchitecture(KTMainWindow::ArchitectureSelection::onlyIntel);
+    EXPECT_EQ(selectedNames(), (QStringList{"Intel32", "Universal"}));
+    // Plug-ins without an executable the reader knows are never picked.
+    window->selectPluginsForArchitecture(KTMainWindow::ArchitectureSelection::only64Bit);
+    EXPECT_TRUE(selectedNames().isEmpty());
+}
+
+TEST_F(MainWindowTest, AddGroupOpensItsNameForEditingAndTheEditRenamesTheFolder) {
+    open();
+    window->outline()->selectionModel()->select(
+        row("Blur"), QItemSelectionModel::ClearAndSelect | QItemSelectionModel::Rows);
+    window->addGroupAction()->trigger();
+    EXPECT_TRUE(fs::is_directory(fx + "/Pack/Group"));
+    QModelIndex group = row("Group");
+    ASSERT_TRUE(group.isValid());
+    EXPECT_EQ(model().itemForIndex(group.parent())->sortName(), "Pack");
+    EXPECT_EQ(window->outline()->currentIndex(), group);
+    // The name is open for typing at once; what is typed is cleaned for a folder name.
+    auto* editor = qobject_cast<QLineEdit*>(window->outline()->indexWidget(group));
+    ASSERT_NE(editor, nullptr);
+    editor->setText("Tools/Extra");
+    QTest::keyClick(editor, Qt::Key_Return);
+    ASSERT_TRUE(waitUntil([&] { return fs::is_directory(fx + "/Pack/ToolsExtra"); }));
+    window->waitForBackgroundWork();
+    EXPECT_FALSE(fs::exists(fx + "/Pack/Group"));
+    EXPECT_TRUE(row("ToolsExtra").isValid());
 }
 
 TEST_F(MainWindowTest, PrintedListOfAnEmptyAndAFullCatalogue) {

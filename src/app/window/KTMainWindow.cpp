@@ -441,9 +441,19 @@ void KTMainWindow::catalogueReloadFinished() {
     refreshPluginStats();
     filter_->setEnabled(true);
     enableAndConfigureButtons();
-    // Names and versions keep arriving from the bundle readers for a moment.
-    for (int ms : {300, 1000, 2500})
-        QTimer::singleShot(ms, tree_->viewport(), [this] { tree_->viewport()->update(); });
+    // Names and versions keep arriving from the bundle readers for a moment:
+    // once they are all in, sort again, or the order would follow the
+    // file names the scan started with.
+    const unsigned generation = ++reloadGeneration_;
+    app_.batchThreads().start([this, generation] {
+        controller_.waitForBundleInspection();
+        onMain([this, generation] {
+            if (reloading_ || generation != reloadGeneration_) return;
+            applySortingForOutlineView();
+            model_->rebuild();
+            tree_->viewport()->update();
+        });
+    });
     emit catalogueShown();
 }
 

@@ -74,6 +74,7 @@ class KTMainWindow : public QMainWindow, public KTOutlineView {
     QAction* enableAction() const { return enableAction_; }
     QAction* scopeAction() const { return scopeAction_; }
     QAction* removeAction() const { return removeAction_; }
+    QAction* addGroupAction() const { return addGroupAction_; }
     QComboBox* filterPopup() const { return filter_; }
     QLineEdit* searchField() const { return search_; }
     bool isShowingReload() const { return reloading_; }
@@ -125,4 +126,6 @@ class KTMainWindow : public QMainWindow, public KTOutlineView {
     bool restoringExpansion_ = false;
     /// Between the start and the end of a catalogue load, as this thread saw them.
     bool reloading_ = false;
+    /// Counts finished loads, so a late re-sort never follows a newer load.
+    unsigned reloadGeneration_ = 0;
 };
