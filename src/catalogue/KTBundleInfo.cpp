@@ -1,9 +1,13 @@
 #include "catalogue/KTBundleInfo.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cctype>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 
 #include "SharedFiles/KTPlist.h"
@@ -14,16 +18,25 @@ namespace fs = std::filesystem;
 namespace {
 
 bool readSmallFile(const fs::path& p, std::string& out, std::size_t limit = 4 << 20) {
-    std::error_code ec;
-    if (!fs::is_regular_file(p, ec)) return false;
-    auto size = fs::file_size(p, ec);
-    if (ec || size > limit) return false;
-    std::ifstream in(p, std::ios::binary);
-    if (!in) return false;
-    std::stringstream ss;
-    ss << in.rdbuf();
-    out = ss.str();
-    return true;
+    // One open and one fstat: a bundle is read once per plug-in per load.
+    const int fd = ::open(p.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) return false;
+    struct stat st {};
+    bool ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+              static_cast<std::size_t>(st.st_size) <= limit;
+    if (ok) {
+        out.resize(static_cast<std::size_t>(st.st_size));
+        std::size_t done = 0;
+        while (done < out.size()) {
+            const ssize_t n = ::read(fd, out.data() + done, out.size() - done);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) break;
+            done += static_cast<std::size_t>(n);
+        }
+        out.resize(done);
+    }
+    ::close(fd);
+    return ok;
 }
 
 void appendUTF8(std::string& out, char32_t c) {
@@ -189,15 +202,32 @@ std::vector<fs::path> localisations(const fs::path& resources) {
     return preferred;
 }
 
-std::optional<std::string> localisedValue(const fs::path& resources, const char* key) {
-    for (const auto& lproj : localisations(resources)) {
-        std::string bytes;
-        if (!readSmallFile(lproj / "InfoPlist.strings", bytes)) continue;
-        auto table = KTBundleInfo::parseStrings(bytes);
-        if (auto it = table.find(key); it != table.end()) return it->second;
+/// The InfoPlist.strings tables of a bundle's localisations, English
+/// first; each folder is listed and each table parsed once, when first asked.
+class LocalisedStrings {
+public:
+    explicit LocalisedStrings(fs::path resources) : resources_(std::move(resources)) {}
+
+    std::optional<std::string> value(const char* key) {
+        if (!loaded_) {
+            loaded_ = true;
+            for (const auto& lproj : localisations(resources_)) {
+                std::string bytes;
+                if (readSmallFile(lproj / "InfoPlist.strings", bytes))
+                    tables_.push_back(KTBundleInfo::parseStrings(bytes));
+            }
+        }
+        for (const auto& table : tables_) {
+            if (auto it = table.find(key); it != table.end()) return it->second;
+        }
+        return std::nullopt;
     }
-    return std::nullopt;
-}
+
+private:
+    fs::path resources_;
+    bool loaded_ = false;
+    std::vector<std::map<std::string, std::string>> tables_;
+};
 
 std::optional<std::string> stringOrNumber(plist_t dict, const char* key) {
     if (auto s = KTPlist::stringForKey(dict, key)) return s;
@@ -280,9 +310,10 @@ KTBundleInfo KTBundleInfo::read(const std::string& bundlePath) {
     const fs::path top = hasContents ? fs::path(bundlePath) / "Contents" : fs::path(bundlePath);
     const fs::path resources = top / "Resources";
 
-    std::optional<std::string> name = localisedValue(resources, "CFBundleDisplayName");
+    LocalisedStrings localised(resources);
+    std::optional<std::string> name = localised.value("CFBundleDisplayName");
     if (!name) name = KTPlist::stringForKey(plist.get(), "CFBundleDisplayName");
-    if (!name) name = localisedValue(resources, "CFBundleName");
+    if (!name) name = localised.value("CFBundleName");
     if (!name) name = KTPlist::stringForKey(plist.get(), "CFBundleName");
     if (name && *name != "${PRODUCT_NAME}" && !name->empty()) info.name = name;
 

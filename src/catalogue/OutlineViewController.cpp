@@ -97,6 +97,8 @@ std::shared_ptr<KTPluginItem> OutlineViewController::addPlugin(
     const std::optional<std::string>& subdir, const std::string& version, std::int64_t pluginType,
     std::int64_t pluginAccess, long long pluginEnabled) {
     auto item = std::make_shared<KTPluginItem>(fileName, pluginType, pluginAccess, pluginEnabled);
+    // The constructor looked for the lock marker at this path already.
+    const std::string checkedPath = item->actualPath();
     KTItemPtr toAppend;
     {
         std::lock_guard<std::recursive_mutex> l(treeLock_);
@@ -107,7 +109,7 @@ std::shared_ptr<KTPluginItem> OutlineViewController::addPlugin(
             toAppend = item;
         else
             toAppend = groupFromPlugin(item);
-        item->setLockStatus();
+        if (item->actualPath() != checkedPath) item->setLockStatus();
         ++treeGeneration_;
     }
     // Not under the tree lock: the main thread takes it to append, and a
