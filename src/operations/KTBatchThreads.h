@@ -1,7 +1,9 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <list>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -15,13 +17,18 @@ class KTBatchThreads {
     KTBatchThreads(const KTBatchThreads&) = delete;
     KTBatchThreads& operator=(const KTBatchThreads&) = delete;
 
-    /// Runs `work` on a new thread.
+    /// Runs `work` on a new thread; threads of batches that have ended are
+    /// joined here, so a long session does not keep them.
     void start(std::function<void()> work);
     /// Returns when every batch started so far has ended. Not to be called
     /// from a batch thread.
     void waitForAll();
 
   private:
+    struct Batch {
+        std::thread thread;
+        std::shared_ptr<std::atomic<bool>> done;
+    };
     std::mutex lock_;
-    std::list<std::thread> threads_;
+    std::list<Batch> threads_;
 };
