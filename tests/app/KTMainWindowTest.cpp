@@ -265,6 +265,40 @@ TEST_F(MainWindowTest, UntickingTheStatusBoxDisablesOnDiskAndUpdatesTheCount) {
     EXPECT_EQ(checkState(row("Pack"), Col::colStatus), Qt::PartiallyChecked);
 }
 
+TEST_F(MainWindowTest, ToolbarTogglesFollowTheSelectionAndMoveIt) {
+    open();
+    auto select = [&](std::initializer_list<const char*> names) {
+        QItemSelection selection;
+        for (const char* name : names)
+            selection.select(row(name), row(name).siblingAtColumn(Col::colUser));
+        window->outline()->selectionModel()->select(selection, QItemSelectionModel::ClearAndSelect);
+    };
+    select({"Dim"});
+    EXPECT_EQ(window->enableAction()->text(), "Enable");
+    select({"Hum"});
+    EXPECT_EQ(window->scopeAction()->text(), "All Users");
+    select({"Glow", "Hum"});
+    EXPECT_EQ(window->enableAction()->text(), "Disable");
+    EXPECT_EQ(window->scopeAction()->text(), "Current User");
+
+    window->enableAction()->trigger();
+    ASSERT_TRUE(waitUntil([&] {
+        return fs::exists(KTPluginLocations::disabledPath() +
+                          "/Library/Plug-Ins/FxPlug/Glow.fxplug") &&
+               window->countLine()->text() == "5 plugins, 2 enabled";
+    }));
+    window->waitForBackgroundWork();
+    EXPECT_EQ(window->enableAction()->text(), "Enable");
+    EXPECT_TRUE(window->enableAction()->isEnabled());
+
+    select({"Blur"});
+    window->scopeAction()->trigger();
+    ASSERT_TRUE(waitUntil(
+        [&] { return fs::exists(scratch.homePath("/Library/Plug-Ins/FxPlug/Pack/Blur.fxplug")); }));
+    window->waitForBackgroundWork();
+    EXPECT_EQ(checkState(row("Blur"), Col::colUser), Qt::Checked);
+}
+
 TEST_F(MainWindowTest, DragsAndDrops) {
     open();
     QModelIndex glow = row("Glow"), haze = row("Haze"), pack = row("Pack");

@@ -633,10 +633,13 @@ void KTMainWindow::checkBoxClicked(const KTItemPtr& item, int column, int newVal
 }
 
 void KTMainWindow::toggleEnabled() {
+    // Until the batch ends and the buttons follow the selection again.
+    enableAction_->setEnabled(false);
     app_.enableDisable(selectedItems(), enableAction_->text().toStdString());
 }
 
 void KTMainWindow::toggleScope() {
+    scopeAction_->setEnabled(false);
     app_.toggleUserAccess(selectedItems(), scopeAction_->text().toStdString());
 }
 

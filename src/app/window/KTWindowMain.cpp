@@ -2,7 +2,10 @@
 #include <QTimer>
 #include <QTreeView>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "SharedFiles/KTAuthorization.h"
 #include "SharedFiles/KTLog.h"
@@ -68,6 +71,25 @@ int runWindow(int argc, char** argv) {
         window.show();
         window.raise();
         window.activateWindow();
+        // Files named on the command line are opened: installed once the
+        // catalogue is shown.
+        std::vector<std::string> opened;
+        for (int i = 1; i < argc; ++i) {
+            std::error_code ec;
+            if (std::filesystem::exists(argv[i], ec))
+                opened.push_back(std::filesystem::absolute(argv[i], ec).string());
+        }
+        if (!opened.empty()) {
+            auto once = std::make_shared<QMetaObject::Connection>();
+            *once = QObject::connect(
+                &window, &KTMainWindow::catalogueShown, &window, [&window, &app, opened, once] {
+                    QObject::disconnect(*once);
+                    // After the load has handed back its thread.
+                    QTimer::singleShot(0, &window, [&window, &app, opened] {
+                        window.installFiles(app.installListForOpenedFiles(opened));
+                    });
+                });
+        }
         app.reloadData();
         status = QApplication::exec();
         window.waitForBackgroundWork();
