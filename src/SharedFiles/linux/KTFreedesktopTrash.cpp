@@ -1,5 +1,7 @@
 #include "SharedFiles/linux/KTFreedesktopTrash.h"
 
+#include "SharedFiles/KTFileTree.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -65,96 +67,19 @@ std::string candidateName(const std::string& base, int n) {
     return stem + " " + std::to_string(n) + ext;
 }
 
-/// Copies a tree as it stands: folders, regular files with their contents
-/// and modes, links as links. Anything else cannot be carried over.
-bool copyTree(const fs::path& from, const fs::path& to, std::string* error) {
+/// Whether every folder of the tree lets its entries be removed: a tree we
+/// could copy but not take away afterwards must not be copied at all.
+bool canRemoveTree(const std::string& path, std::string* error) {
     struct stat st {};
-    if (::lstat(from.c_str(), &st) != 0) {
-        *error = from.string() + ": " + std::strerror(errno);
+    if (::lstat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return true;
+    if (::access(path.c_str(), W_OK | X_OK) != 0) {
+        *error = path + ": " + std::strerror(errno);
         return false;
     }
-    std::error_code ec;
-    if (S_ISLNK(st.st_mode)) {
-        fs::copy_symlink(from, to, ec);
-    } else if (S_ISREG(st.st_mode)) {
-        fs::copy_file(from, to, fs::copy_options::none, ec);
-        if (!ec) ::chmod(to.c_str(), st.st_mode & 07777);
-    } else if (S_ISDIR(st.st_mode)) {
-        // A folder the item cannot be removed from afterwards must not be copied at all.
-        if (::access(from.c_str(), W_OK | X_OK) != 0) {
-            *error = from.string() + ": " + std::strerror(errno);
-            return false;
-        }
-        if (::mkdir(to.c_str(), 0700) != 0) {
-            *error = to.string() + ": " + std::strerror(errno);
-            return false;
-        }
-        for (auto it = fs::directory_iterator(from, ec); !ec && it != fs::directory_iterator();
-             it.increment(ec)) {
-            if (!copyTree(it->path(), to / it->path().filename(), error)) return false;
-        }
-        if (!ec) ::chmod(to.c_str(), st.st_mode & 07777);
-    } else {
-        *error = from.string() + ": not a file, folder or link";
-        return false;
+    for (const auto& n : KTFileTree::entriesOf(path)) {
+        if (!canRemoveTree(path + "/" + n, error)) return false;
     }
-    if (ec) {
-        *error = from.string() + ": " + ec.message();
-        return false;
-    }
-    if (::geteuid() == 0) {
-        if (::lchown(to.c_str(), st.st_uid, st.st_gid) != 0) {
-            // Ownership is kept where it can be; the content is what counts.
-        }
-    }
-    struct timespec times[2] = {st.st_atim, st.st_mtim};
-    ::utimensat(AT_FDCWD, to.c_str(), times, AT_SYMLINK_NOFOLLOW);
     return true;
-}
-
-bool sameContents(const fs::path& a, const fs::path& b) {
-    std::ifstream fa(a, std::ios::binary), fb(b, std::ios::binary);
-    if (!fa || !fb) return false;
-    char ba[65536], bb[65536];
-    for (;;) {
-        fa.read(ba, sizeof ba);
-        fb.read(bb, sizeof bb);
-        if (fa.gcount() != fb.gcount()) return false;
-        if (std::memcmp(ba, bb, static_cast<std::size_t>(fa.gcount())) != 0) return false;
-        if (!fa || !fb) return !fa && !fb;
-    }
-}
-
-/// The copy holds every entry of the original, of the same kind, with the
-/// same bytes and link targets.
-bool sameTree(const fs::path& from, const fs::path& to, std::string* error) {
-    struct stat a {
-    }, b{};
-    if (::lstat(from.c_str(), &a) != 0 || ::lstat(to.c_str(), &b) != 0 ||
-        (a.st_mode & S_IFMT) != (b.st_mode & S_IFMT)) {
-        *error = "The copy of " + from.string() + " differs from the original";
-        return false;
-    }
-    std::error_code ec;
-    bool same = true;
-    if (S_ISREG(a.st_mode)) {
-        same = a.st_size == b.st_size && sameContents(from, to);
-    } else if (S_ISLNK(a.st_mode)) {
-        same = fs::read_symlink(from, ec) == fs::read_symlink(to, ec) && !ec;
-    } else if (S_ISDIR(a.st_mode)) {
-        std::size_t inOriginal = 0, inCopy = 0;
-        for (auto it = fs::directory_iterator(from, ec); !ec && it != fs::directory_iterator();
-             it.increment(ec)) {
-            ++inOriginal;
-            if (!sameTree(it->path(), to / it->path().filename(), error)) return false;
-        }
-        for (auto it = fs::directory_iterator(to, ec); !ec && it != fs::directory_iterator();
-             it.increment(ec))
-            ++inCopy;
-        same = !ec && inOriginal == inCopy;
-    }
-    if (!same) *error = "The copy of " + from.string() + " differs from the original";
-    return same;
 }
 
 }  // namespace
@@ -246,8 +171,12 @@ bool KTFreedesktopTrash::trashItem(const std::string& input, std::string* trashe
             return false;
         }
         RemoveOnFailure partialCopy(destination);
-        if (!copyTree(path, destination, error) || !sameTree(path, destination, error))
+        if (!canRemoveTree(path, error) || !KTFileTree::copyTree(path, destination, error))
             return false;
+        if (!KTFileTree::sameTree(path, destination)) {
+            *error = "The copy of " + path + " differs from the original";
+            return false;
+        }
         partialCopy.release();
         fs::remove_all(path, ec);
         if (ec) {
