@@ -64,6 +64,7 @@ void OutlineViewController::clearData() {
     std::lock_guard<std::recursive_mutex> l(treeLock_);
     dataArray_.clear();
     filteredArray_.clear();
+    pendingTopGroups_.clear();
     invalidateIndexes();
 }
 
@@ -83,6 +84,8 @@ void OutlineViewController::setLoading(bool loading) {
 void OutlineViewController::addItemToDataArray(const KTItemPtr& item) {
     if (!item) return;
     std::lock_guard<std::recursive_mutex> l(treeLock_);
+    pendingTopGroups_.erase(std::remove(pendingTopGroups_.begin(), pendingTopGroups_.end(), item),
+                            pendingTopGroups_.end());
     dataArray_.push_back(item);
     ++treeGeneration_;
 }
@@ -192,13 +195,20 @@ std::shared_ptr<KTGroupItem> OutlineViewController::createGroupPath(const std::s
                 found = hit->second;
         }
         if (!found) found = findChildGroup(i == 0 ? dataArray_ : current->children(), sofar);
+        // A top group made by another thread may still be on its way to the
+        // main thread's append; it must be found, not made twice.
+        if (!found && i == 0) found = findChildGroup(pendingTopGroups_, sofar);
         if (!found) {
             found = std::make_shared<KTGroupItem>();
             found->setTitle(displayName(parts[i]));
             found->setGroupPath(KTPluginLocations::appendPathComponent(basePath, sofar));
             found->setSubdir(sofar);
             if (i == 0) {
-                if (isUnique) *isUnique = true;
+                // Only a caller that asks whether the group is new appends it.
+                if (isUnique) {
+                    *isUnique = true;
+                    pendingTopGroups_.push_back(found);
+                }
             } else {
                 current->addChild(found);
             }

@@ -216,6 +216,8 @@ private:
     mutable std::recursive_mutex treeLock_;
     KTItemList dataArray_;
     KTItemList filteredArray_;
+    /// Top groups made under the tree lock and not yet appended by the main thread.
+    KTItemList pendingTopGroups_;
     std::string searchText_;
 
     bool loading_ = false;
