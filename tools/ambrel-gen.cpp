@@ -260,44 +260,44 @@ void writeScript(Context& ctx, const std::string& path, const std::string& name,
 void writePluginBundle(Context& ctx, const Bucket& b, const std::string& path,
                        const std::string& name, const std::string& vendor, Random& rng,
                        const std::vector<Arch>& archs) {
-    gen::BundleSpec spec;
-    spec.path = path;
-    spec.name = name;
-    spec.executable = name;
-    spec.identifier = "com." + gen::identifierPart(vendor) + "." +
+    gen::BundleSpec contents;
+    contents.path = path;
+    contents.name = name;
+    contents.executable = name;
+    contents.identifier = "com." + gen::identifierPart(vendor) + "." +
                       gen::identifierPart(KTPluginLocations::pluginTypeName(b.kind)) + "." +
                       gen::identifierPart(name);
-    spec.archs = archs;
-    spec.binaryInfoPlist = rng.chance(15);
+    contents.archs = archs;
+    contents.binaryInfoPlist = rng.chance(15);
     const std::string v = versionText(rng);
     switch (rng.below(10)) {
         case 0:
             break;  // neither version key
         case 1:
-            spec.shortVersion = v;
+            contents.shortVersion = v;
             break;
         case 2:
         case 3:
-            spec.version = v;
+            contents.version = v;
             break;
         default:
-            spec.shortVersion = v;
-            spec.version = std::to_string(100 + rng.below(900));
+            contents.shortVersion = v;
+            contents.version = std::to_string(100 + rng.below(900));
     }
     switch (rng.below(20)) {
         case 0:
         case 1:
         case 2:
-            spec.displayName = vendor + " " + name;
+            contents.displayName = vendor + " " + name;
             break;
         case 3:
         case 4: {
-            spec.displayName = name;
-            spec.localizedDisplayName = name + " (" + vendor + ")";
+            contents.displayName = name;
+            contents.localizedDisplayName = name + " (" + vendor + ")";
             static const gen::StringsForm forms[] = {gen::StringsForm::UTF16Text,
                                                      gen::StringsForm::UTF8Text,
                                                      gen::StringsForm::BinaryPlist};
-            spec.stringsForm = forms[rng.below(3)];
+            contents.stringsForm = forms[rng.below(3)];
             break;
         }
         default:
@@ -305,15 +305,15 @@ void writePluginBundle(Context& ctx, const Bucket& b, const std::string& path,
     }
     if (!ctx.productNameDone && ctx.lockedDone && b.kind == KTPluginType::FxPlug) {
         // One bundle built without its product name filled in.
-        spec.name = "${PRODUCT_NAME}";
-        spec.displayName.reset();
-        spec.localizedDisplayName.reset();
+        contents.name = "${PRODUCT_NAME}";
+        contents.displayName.reset();
+        contents.localizedDisplayName.reset();
         ctx.productNameDone = true;
     }
     if (b.extraKey)
-        spec.extraKeys.emplace_back(b.extraKey, b.kind == KTPluginType::AvidAVX ? "1.5" : "2.0");
-    if (b.kind == KTPluginType::OpenFX) spec.executable = name + ".ofx";
-    gen::writeBundle(ctx.out, spec, rng);
+        contents.extraKeys.emplace_back(b.extraKey, b.kind == KTPluginType::AvidAVX ? "1.5" : "2.0");
+    if (b.kind == KTPluginType::OpenFX) contents.executable = name + ".ofx";
+    gen::writeBundle(ctx.out, contents, rng);
 }
 
 void generateBucket(Context& ctx, const Bucket& b, std::size_t count, Random rng) {
@@ -405,17 +405,17 @@ void generateBucket(Context& ctx, const Bucket& b, std::size_t count, Random rng
 
 void writeApp(Context& ctx, const std::string& path, const std::string& name,
               const std::string& identifier, const std::string& version, Random& rng) {
-    gen::BundleSpec spec;
-    spec.path = path;
-    spec.name = name;
-    spec.identifier = identifier;
-    spec.executable = name;
-    spec.packageType = "APPL";
-    spec.shortVersion = version;
-    spec.version = version;
-    spec.archs = {gen::kX86_64, gen::kArm64};
-    spec.fileType = gen::MachOFileType::Execute;
-    gen::writeBundle(ctx.out, spec, rng);
+    gen::BundleSpec contents;
+    contents.path = path;
+    contents.name = name;
+    contents.identifier = identifier;
+    contents.executable = name;
+    contents.packageType = "APPL";
+    contents.shortVersion = version;
+    contents.version = version;
+    contents.archs = {gen::kX86_64, gen::kArm64};
+    contents.fileType = gen::MachOFileType::Execute;
+    gen::writeBundle(ctx.out, contents, rng);
 }
 
 /// The host applications whose presence steers the folder choices: Final

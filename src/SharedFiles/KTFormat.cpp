@@ -20,9 +20,9 @@ std::string describe(const KTArg::Value& v) {
     return std::visit(visitor, v);
 }
 
-std::string printfOne(const std::string& spec, char conv, const KTArg::Value& v) {
+std::string printfOne(const std::string& conversion, char conv, const KTArg::Value& v) {
     char buf[512];
-    std::string f = spec;
+    std::string f = conversion;
     switch (conv) {
         case 'd':
         case 'i':
@@ -100,13 +100,13 @@ std::string KTFormat::format(std::string_view fmt, const std::vector<KTArg>& arg
         }
         // %[flags][width][.precision][length]conversion
         std::size_t j = i + 1;
-        std::string spec = "%";
+        std::string conversion = "%";
         while (j < fmt.size() && std::string_view("-+ #0'").find(fmt[j]) != std::string_view::npos)
-            spec += fmt[j++];
-        while (j < fmt.size() && fmt[j] >= '0' && fmt[j] <= '9') spec += fmt[j++];
+            conversion += fmt[j++];
+        while (j < fmt.size() && fmt[j] >= '0' && fmt[j] <= '9') conversion += fmt[j++];
         if (j < fmt.size() && fmt[j] == '.') {
-            spec += fmt[j++];
-            while (j < fmt.size() && fmt[j] >= '0' && fmt[j] <= '9') spec += fmt[j++];
+            conversion += fmt[j++];
+            while (j < fmt.size() && fmt[j] >= '0' && fmt[j] <= '9') conversion += fmt[j++];
         }
         while (j < fmt.size() && std::string_view("hlqLzjt").find(fmt[j]) != std::string_view::npos)
             ++j;  // lengths are implied by the typed argument
@@ -118,7 +118,7 @@ std::string KTFormat::format(std::string_view fmt, const std::vector<KTArg>& arg
             i = j;
             continue;
         }
-        if (next < args.size()) out += printfOne(spec, conv, args[next].value());
+        if (next < args.size()) out += printfOne(conversion, conv, args[next].value());
         ++next;
         i = j;
     }
