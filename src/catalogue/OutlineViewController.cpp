@@ -268,10 +268,22 @@ std::shared_ptr<KTPluginItem> OutlineViewController::pluginFromPath(const std::s
         // the whole index once per miss.
         const auto slash = path.rfind('/');
         const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+        // A plug-in taken out of the tree keeps its name entry (removal drops
+        // only its path entries), so a candidate must still hang from the tree.
+        auto inTree = [&](const std::shared_ptr<KTPluginItem>& item) {
+            KTItemPtr child = item;
+            while (auto parent = child->parent()) {
+                const KTItemList& siblings = parent->children();
+                if (std::find(siblings.begin(), siblings.end(), child) == siblings.end())
+                    return false;
+                child = parent;
+            }
+            return std::find(dataArray_.begin(), dataArray_.end(), child) != dataArray_.end();
+        };
         auto [first, last] = nameIndex_.equal_range(name);
         for (auto it = first; it != last; ++it) {
             auto item = it->second.lock();
-            if (!matches(item)) continue;
+            if (!matches(item) || !inTree(item)) continue;
             pathIndex_[path] = item;
             return item;
         }

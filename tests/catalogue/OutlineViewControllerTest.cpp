@@ -63,4 +63,9 @@ TEST(OutlineViewControllerTest, PathLookupFollowsMovesAndRenamesAndMissesCleanly
     blur->setFileName("Blur Pro.fxplug");
     EXPECT_EQ(outline.pluginFromPath(renamed), blur);
     EXPECT_EQ(outline.pluginFromPath(fx + "/Blur.fxplug"), nullptr);
+
+    // Taken out of the tree while still held: no longer found, moved or not.
+    outline.removeItemFromTree(glow);
+    EXPECT_EQ(outline.pluginFromPath(off), nullptr);
+    EXPECT_EQ(outline.pluginFromPath(renamed), blur);
 }
