@@ -86,6 +86,7 @@ namespace {
 std::mutex gFolderCacheLock;
 int gFolderCacheDepth = 0;
 std::optional<std::string> gCachedAdobeFolder;  // without the trailing slash
+std::optional<KTPluginFolderDict> gCachedFolderDict;
 }  // namespace
 
 KTPluginLocations::FolderCache::FolderCache() {
@@ -95,7 +96,10 @@ KTPluginLocations::FolderCache::FolderCache() {
 
 KTPluginLocations::FolderCache::~FolderCache() {
     std::lock_guard<std::mutex> l(gFolderCacheLock);
-    if (--gFolderCacheDepth == 0) gCachedAdobeFolder.reset();
+    if (--gFolderCacheDepth == 0) {
+        gCachedAdobeFolder.reset();
+        gCachedFolderDict.reset();
+    }
 }
 
 std::string KTPluginLocations::adobeFolder(bool trailingSlash) {
@@ -216,6 +220,17 @@ bool KTPluginLocations::isDisabledPath(const std::string& path) {
 }
 
 KTPluginFolderDict KTPluginLocations::pluginFolderDict() {
+    {
+        std::lock_guard<std::mutex> l(gFolderCacheLock);
+        if (gFolderCacheDepth > 0 && gCachedFolderDict) return *gCachedFolderDict;
+    }
+    KTPluginFolderDict dict = buildPluginFolderDict();
+    std::lock_guard<std::mutex> l(gFolderCacheLock);
+    if (gFolderCacheDepth > 0) gCachedFolderDict = dict;
+    return dict;
+}
+
+KTPluginFolderDict KTPluginLocations::buildPluginFolderDict() {
     KTWorkspace& workspace = KTWorkspace::shared();
     workspace.refreshApplications();
 

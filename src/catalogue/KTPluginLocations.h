@@ -93,9 +93,10 @@ class KTPluginLocations {
     /// The Adobe folder read from the disk, without a trailing slash.
     static std::string findAdobeFolder();
 
-    /// While one is alive the Adobe folder is worked out once and then
-    /// remembered: a catalogue load forms thousands of paths, and the folder
-    /// cannot change under it in a way the load could follow anyway.
+    /// While one is alive the Adobe folder and the folder table are worked
+    /// out once and then remembered: a catalogue load or a batch of moves
+    /// forms thousands of paths, and the folders cannot change under it in a
+    /// way the batch could follow anyway.
     class FolderCache {
     public:
         FolderCache();
@@ -103,6 +104,9 @@ class KTPluginLocations {
         FolderCache(const FolderCache&) = delete;
         FolderCache& operator=(const FolderCache&) = delete;
     };
+
+    /// The folder table as the disk has it now, whatever the cache holds.
+    static KTPluginFolderDict buildPluginFolderDict();
 
     /// The folder table, built afresh (the workspace's application list is
     /// refreshed first, once per build).

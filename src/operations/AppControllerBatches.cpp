@@ -8,6 +8,7 @@
 #include "SharedFiles/KTFileManager.h"
 #include "SharedFiles/KTLog.h"
 #include "app/core/AppController.h"
+#include "catalogue/KTPluginLocations.h"
 #include "catalogue/KTOutlineView.h"
 #include "catalogue/OutlineViewController.h"
 #include "operations/KTOperationSupport.h"
@@ -46,6 +47,7 @@ void AppController::enableDisable(const KTItemList& selection, const std::string
 }
 
 void AppController::toggleEnableDisableOnThread(const KTToggleArgs& args) {
+    KTPluginLocations::FolderCache folders;  // one folder table for the whole batch
     OutlineViewController& outline = *outline_;
     const double maximum = batchProgressMaximum(args.objectArray);
     if (maximum > 0 && KTOperationSupport::hasInterface(this)) {
@@ -86,6 +88,7 @@ void AppController::toggleUserAccess(const KTItemList& selection, const std::str
 }
 
 void AppController::toggleUserAccessOnThread(const KTToggleArgs& args) {
+    KTPluginLocations::FolderCache folders;  // one folder table for the whole batch
     OutlineViewController& outline = *outline_;
     const double maximum = batchProgressMaximum(args.objectArray);
     if (maximum > 0 && KTOperationSupport::hasInterface(this)) {
@@ -130,6 +133,7 @@ void AppController::remove(const KTItemList& selection) {
 }
 
 void AppController::removePluginsOnThread(const KTItemList& selected) {
+    KTPluginLocations::FolderCache folders;  // one folder table for the whole batch
     OutlineViewController& outline = *outline_;
     // A group's members go with the group; listing them again would trash twice.
     std::unordered_set<const KTItem*> groups;

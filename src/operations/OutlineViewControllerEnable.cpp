@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
 
@@ -216,7 +217,11 @@ bool OutlineViewController::removeEmptyFolder(const std::string& folder,
 
     std::error_code ec;
     std::vector<fs::directory_entry> entries;
-    for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec))
+    // Without recursion two entries already decide: the mirrored kind folder
+    // can hold thousands of disabled plug-ins, and is asked after each enable.
+    const std::size_t enough = includeEmptySubfolders ? SIZE_MAX : 2;
+    for (fs::directory_iterator it(folder, ec), end; !ec && it != end && entries.size() < enough;
+         it.increment(ec))
         entries.push_back(*it);
     if (ec) {
         postAndLog("Error getting contents of directory %@ - %@", folder, ec.message());

@@ -8,6 +8,7 @@
 #include "SharedFiles/KTLog.h"
 #include "app/core/AppController.h"
 #include "catalogue/KTItemArchive.h"
+#include "catalogue/KTPluginLocations.h"
 #include "catalogue/OutlineViewController.h"
 
 namespace {
@@ -96,6 +97,8 @@ int KTCommandLine::pluginVerb(AppController& app, const std::vector<std::string>
     const std::optional<std::string> name =
         args.size() > 1 ? std::optional<std::string>(lastComponent(args[1])) : std::nullopt;
     OutlineViewController& outline = app.outlineViewController();
+    // The folders cannot change under the loop; look them up once.
+    KTPluginLocations::FolderCache folders;
     for (const auto& path : app.listPlugins(true)) {
         auto item = outline.pluginFromPath(path);
         if (!item) continue;
@@ -119,6 +122,7 @@ int KTCommandLine::setAccess(AppController& app, const std::vector<std::string>&
     const std::optional<std::string> name =
         args.size() > 2 ? std::optional<std::string>(lastComponent(args[2])) : std::nullopt;
     OutlineViewController& outline = app.outlineViewController();
+    KTPluginLocations::FolderCache folders;
     for (const auto& path : app.listPlugins(true)) {
         if (name && *name != lastComponent(path)) continue;
         if (auto item = outline.pluginFromPath(path)) outline.setAccess(scope, item, false, false);
