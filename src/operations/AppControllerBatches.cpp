@@ -3,13 +3,14 @@
 // interface only through the main-thread seam.
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <unordered_set>
 
 #include "SharedFiles/KTFileManager.h"
 #include "SharedFiles/KTLog.h"
 #include "app/core/AppController.h"
-#include "catalogue/KTPluginLocations.h"
 #include "catalogue/KTOutlineView.h"
+#include "catalogue/KTPluginLocations.h"
 #include "catalogue/OutlineViewController.h"
 #include "operations/KTOperationSupport.h"
 
@@ -37,6 +38,37 @@ KTItemList collectSelection(const AppController& app, const KTItemList& selectio
     return out;
 }
 
+/// The body both toolbar toggles share: progress over a large selection, one
+/// step per item until cancelled, then the outline redrawn (or, after a
+/// cancel, the catalogue reloaded, since the moves stopped half-way).
+void runToggleBatch(AppController& app, OutlineViewController& outline, const KTItemList& items,
+                    const std::function<void(const KTItemPtr&)>& perItem, bool refreshCounts) {
+    KTPluginLocations::FolderCache folders;  // one folder table for the whole batch
+    const double maximum = batchProgressMaximum(items);
+    if (maximum > 0 && KTOperationSupport::hasInterface(&app)) {
+        onMain([&] {
+            app.showProgressWindow();
+            app.updateProgressText("Moving files...");
+            app.setDeterminateProgress(maximum);
+        });
+    }
+    for (const auto& item : items) {
+        if (app.processingCancelled()) break;
+        perItem(item);
+    }
+    onMain([&] {
+        const bool cancelled = app.processingCancelled();
+        app.endProgressWindow();
+        if (cancelled) {
+            app.reloadData();
+        } else if (KTOutlineView* view = outline.outlineView()) {
+            view->reloadOutline();
+            if (refreshCounts) view->refreshPluginStats();
+            view->enableAndConfigureButtons();
+        }
+    });
+}
+
 }  // namespace
 
 void AppController::enableDisable(const KTItemList& selection, const std::string& buttonLabel) {
@@ -47,37 +79,19 @@ void AppController::enableDisable(const KTItemList& selection, const std::string
 }
 
 void AppController::toggleEnableDisableOnThread(const KTToggleArgs& args) {
-    KTPluginLocations::FolderCache folders;  // one folder table for the whole batch
     OutlineViewController& outline = *outline_;
-    const double maximum = batchProgressMaximum(args.objectArray);
-    if (maximum > 0 && KTOperationSupport::hasInterface(this)) {
-        onMain([&] {
-            showProgressWindow();
-            updateProgressText("Moving files...");
-            setDeterminateProgress(maximum);
-        });
-    }
-    for (const auto& item : args.objectArray) {
-        if (processingCancelled()) break;
-        if (item->isGroup()) {
-            outline.setEnabled(args.newValue, std::static_pointer_cast<KTGroupItem>(item), false,
-                               false);
-        } else {
-            outline.moveFilter(std::static_pointer_cast<KTPluginItem>(item), args.newValue);
-            onMainNoWait([this] { incrementProgress(); });
-        }
-    }
-    onMain([&] {
-        const bool cancelled = processingCancelled();
-        endProgressWindow();
-        if (cancelled) {
-            reloadData();
-        } else if (KTOutlineView* view = outline.outlineView()) {
-            view->reloadOutline();
-            view->refreshPluginStats();
-            view->enableAndConfigureButtons();
-        }
-    });
+    runToggleBatch(
+        *this, outline, args.objectArray,
+        [&](const KTItemPtr& item) {
+            if (item->isGroup()) {
+                outline.setEnabled(args.newValue, std::static_pointer_cast<KTGroupItem>(item),
+                                   false, false);
+            } else {
+                outline.moveFilter(std::static_pointer_cast<KTPluginItem>(item), args.newValue);
+                onMainNoWait([this] { incrementProgress(); });
+            }
+        },
+        true);
 }
 
 void AppController::toggleUserAccess(const KTItemList& selection, const std::string& buttonLabel) {
@@ -88,30 +102,11 @@ void AppController::toggleUserAccess(const KTItemList& selection, const std::str
 }
 
 void AppController::toggleUserAccessOnThread(const KTToggleArgs& args) {
-    KTPluginLocations::FolderCache folders;  // one folder table for the whole batch
     OutlineViewController& outline = *outline_;
-    const double maximum = batchProgressMaximum(args.objectArray);
-    if (maximum > 0 && KTOperationSupport::hasInterface(this)) {
-        onMain([&] {
-            showProgressWindow();
-            updateProgressText("Moving files...");
-            setDeterminateProgress(maximum);
-        });
-    }
-    for (const auto& item : args.objectArray) {
-        if (processingCancelled()) break;
-        outline.setAccess(args.newValue, item, false, false);
-    }
-    onMain([&] {
-        const bool cancelled = processingCancelled();
-        endProgressWindow();
-        if (cancelled) {
-            reloadData();
-        } else if (KTOutlineView* view = outline.outlineView()) {
-            view->reloadOutline();
-            view->enableAndConfigureButtons();
-        }
-    });
+    runToggleBatch(
+        *this, outline, args.objectArray,
+        [&](const KTItemPtr& item) { outline.setAccess(args.newValue, item, false, false); },
+        false);
 }
 
 void AppController::remove(const KTItemList& selection) {
