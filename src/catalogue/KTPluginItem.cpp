@@ -2,6 +2,7 @@
 
 #include <atomic>
 
+#include "catalogue/KTBundleInfo.h"
 #include "catalogue/KTGroupItem.h"
 #include "catalogue/KTPluginLocations.h"
 
@@ -234,4 +235,12 @@ std::shared_ptr<KTPluginItem> KTPluginItem::copy() const {
 
 bool KTPluginItem::isNumeric(const std::string& text) {
     return KTPluginLocations::isNumeric(text);
+}
+
+void KTPluginItem::populateBundleInfo() {
+    KTBundleInfo info = KTBundleInfo::read(actualPath());
+    if (!info.isBundle) return;
+    if (info.name) setShortName(*info.name);
+    if (info.version) setVersion(*info.version);
+    if (!info.architectures.empty()) setArchitectures(info.architectures);
 }

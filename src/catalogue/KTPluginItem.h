@@ -95,6 +95,11 @@ class KTPluginItem : public KTItem {
     /// keyed by name are stale when it moved.
     static std::uint64_t renameCount();
 
+    /// Reads the bundle at `actualPath` into the item: display name, version
+    /// and architecture labels. A plain file (a script, a template document)
+    /// keeps what the scan gave it.
+    void populateBundleInfo();
+
     /// The work of the inspection thread (reads the bundle at `actualPath`
     /// and fills in name, version and architectures); it should return soon
     /// after the stop token is triggered.

@@ -8,7 +8,6 @@
 #include "SharedFiles/KTFormat.h"
 #include "SharedFiles/KTMainThread.h"
 #include "SharedFiles/KTOperationQueue.h"
-#include "catalogue/KTBundleInfo.h"
 #include "catalogue/KTFilePackage.h"
 
 namespace {
@@ -122,17 +121,9 @@ std::shared_ptr<KTPluginItem> OutlineViewController::addPlugin(
     // Details fill in later; an item dropped meanwhile is simply skipped.
     std::weak_ptr<KTPluginItem> weak = item;
     inspectionQueue_->addOperation([weak] {
-        if (auto it = weak.lock()) populateBundleInfo(*it);
+        if (auto it = weak.lock()) it->populateBundleInfo();
     });
     return item;
-}
-
-void OutlineViewController::populateBundleInfo(KTPluginItem& item) {
-    KTBundleInfo info = KTBundleInfo::read(item.actualPath());
-    if (!info.isBundle) return;
-    if (info.name) item.setShortName(*info.name);
-    if (info.version) item.setVersion(*info.version);
-    if (!info.architectures.empty()) item.setArchitectures(info.architectures);
 }
 
 void OutlineViewController::waitForBundleInspection() { inspectionQueue_->waitUntilAllOperationsAreFinished(); }

@@ -100,8 +100,6 @@ public:
     /// "%i plugin%@, %i enabled".
     std::string pluginStatsText() const;
 
-    /// Reads a plug-in's bundle details into it (name, version, architectures).
-    static void populateBundleInfo(KTPluginItem& item);
     /// Waits until every queued bundle inspection has run.
     void waitForBundleInspection();
 
