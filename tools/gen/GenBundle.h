@@ -77,21 +77,21 @@ inline std::string utf16le(const std::string& utf8) {
 }  // namespace bundle_detail
 
 /// The Info.plist of a bundle, XML or binary.
-inline std::string infoPlistBytes(const BundleSpec& spec) {
+inline std::string infoPlistBytes(const BundleSpec& plan) {
     using bundle_detail::setString;
     KTPlistPtr dict(plist_new_dict());
     plist_t d = dict.get();
     setString(d, "CFBundleDevelopmentRegion", "en");
-    if (!spec.archs.empty()) setString(d, "CFBundleExecutable", spec.executable);
-    setString(d, "CFBundleIdentifier", spec.identifier);
+    if (!plan.archs.empty()) setString(d, "CFBundleExecutable", plan.executable);
+    setString(d, "CFBundleIdentifier", plan.identifier);
     setString(d, "CFBundleInfoDictionaryVersion", "6.0");
-    setString(d, "CFBundleName", spec.name);
-    if (spec.displayName) setString(d, "CFBundleDisplayName", *spec.displayName);
-    setString(d, "CFBundlePackageType", spec.packageType);
-    if (spec.shortVersion) setString(d, "CFBundleShortVersionString", *spec.shortVersion);
-    if (spec.version) setString(d, "CFBundleVersion", *spec.version);
-    for (const auto& [key, value] : spec.extraKeys) setString(d, key.c_str(), value);
-    return spec.binaryInfoPlist ? KTPlist::toBinary(d) : KTPlist::toXML(d);
+    setString(d, "CFBundleName", plan.name);
+    if (plan.displayName) setString(d, "CFBundleDisplayName", *plan.displayName);
+    setString(d, "CFBundlePackageType", plan.packageType);
+    if (plan.shortVersion) setString(d, "CFBundleShortVersionString", *plan.shortVersion);
+    if (plan.version) setString(d, "CFBundleVersion", *plan.version);
+    for (const auto& [key, value] : plan.extraKeys) setString(d, key.c_str(), value);
+    return plan.binaryInfoPlist ? KTPlist::toBinary(d) : KTPlist::toXML(d);
 }
 
 /// The en.lproj/InfoPlist.strings text of a bundle in the given form.
@@ -107,18 +107,18 @@ inline std::string infoPlistStringsBytes(const std::string& displayName, Strings
 }
 
 /// Writes Contents/Info.plist, the localised strings and the executable.
-inline bool writeBundle(FileWriter& out, const BundleSpec& spec, Random& rng) {
-    const std::string contents = spec.path + "/Contents";
-    if (!out.writeFile(contents + "/Info.plist", infoPlistBytes(spec))) return false;
-    if (spec.packageType == "APPL" &&
-        !out.writeFile(contents + "/PkgInfo", spec.packageType + "????"))
+inline bool writeBundle(FileWriter& out, const BundleSpec& plan, Random& rng) {
+    const std::string contents = plan.path + "/Contents";
+    if (!out.writeFile(contents + "/Info.plist", infoPlistBytes(plan))) return false;
+    if (plan.packageType == "APPL" &&
+        !out.writeFile(contents + "/PkgInfo", plan.packageType + "????"))
         return false;
-    if (spec.localizedDisplayName &&
+    if (plan.localizedDisplayName &&
         !out.writeFile(contents + "/Resources/en.lproj/InfoPlist.strings",
-                       infoPlistStringsBytes(*spec.localizedDisplayName, spec.stringsForm)))
+                       infoPlistStringsBytes(*plan.localizedDisplayName, plan.stringsForm)))
         return false;
-    if (!spec.archs.empty() && !out.writeFile(contents + "/MacOS/" + spec.executable,
-                                              machO(spec.archs, spec.fileType, rng), 0755))
+    if (!plan.archs.empty() && !out.writeFile(contents + "/MacOS/" + plan.executable,
+                                              machO(plan.archs, plan.fileType, rng), 0755))
         return false;
     return true;
 }
