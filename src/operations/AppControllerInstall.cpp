@@ -273,13 +273,7 @@ std::vector<std::string> AppController::installPlugins(const std::vector<std::st
             OutlineViewController::unlockItemsInPath(destination);
 
             if (!exists(folder)) {
-                std::error_code ec;
-                fs::create_directories(folder, ec);
-                if (ec) {
-                    KTLog::appendLog("Unable to create directory %@....", folder);
-                    KTAuthorization::sharedController()->authCreateDir(folder);
-                    KTFileMover::pauseAfterPrivilegedStep();
-                }
+                createFolder(folder, "Unable to create directory %@....");
                 if (!exists(folder)) {
                     KTLog::appendLog("Unable to auth create directory %@", folder);
                     if (ui) {

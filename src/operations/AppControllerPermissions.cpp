@@ -57,20 +57,18 @@ std::optional<std::string> AppController::convertPluginStorageMode(const std::st
     const std::string converted = KTPluginLocations::disabledPathForPath(rest);
 
     const std::string parent = parentOf(converted);
-    if (!exists(parent)) {
-        std::error_code ec;
-        fs::create_directories(parent, ec);
-        if (ec) {
-            KTLog::appendLog("Unable to create directory %@ - %@. Authorizing...", parent,
-                             ec.message());
-            if (!KTAuthorization::sharedController()->authCreateDir(parent)) {
-                KTTaskNotification::postTaskErrorString(KTFormat::str(
-                    "Ambrel: Unable to authorize. Directory %@ not created.", parent));
-                KTLog::appendLog("Unable to authorize. Directory not created.");
-            }
+    switch (createFolder(parent, "Unable to create directory %@ - %@. Authorizing...")) {
+        case FolderCreation::Existed:
+        case FolderCreation::Created:
+            break;
+        case FolderCreation::Refused:
+            KTTaskNotification::postTaskErrorString(
+                KTFormat::str("Ambrel: Unable to authorize. Directory %@ not created.", parent));
+            KTLog::appendLog("Unable to authorize. Directory not created.");
+            return std::nullopt;
+        case FolderCreation::CreatedWithRights:
             // Even a folder made with rights ends the conversion here, without a move.
             return std::nullopt;
-        }
     }
     if (!KTFileMover::shared().moveItem(path, converted)) {
         if (!KTAuthorization::sharedController()->authMoveFile(path, converted)) return path;

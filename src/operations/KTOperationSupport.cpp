@@ -3,15 +3,30 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
+
+#include "SharedFiles/KTAuthorization.h"
 #include "SharedFiles/KTMainThread.h"
 #include "SharedFiles/KTTaskNotification.h"
 #include "app/core/AppController.h"
 #include "catalogue/KTPluginLocations.h"
+#include "operations/KTFileMover.h"
 
 namespace KTOperationSupport {
 
 bool hasInterface(const AppController* app) {
     return app && app->hasGUI() && app->userInterface();
+}
+
+FolderCreation createFolder(const std::string& folder, std::string_view failureFormat) {
+    if (exists(folder)) return FolderCreation::Existed;
+    std::error_code ec;
+    std::filesystem::create_directories(folder, ec);
+    if (!ec) return FolderCreation::Created;
+    KTLog::appendLog(failureFormat, folder, ec.message());
+    if (!KTAuthorization::sharedController()->authCreateDir(folder)) return FolderCreation::Refused;
+    KTFileMover::pauseAfterPrivilegedStep();
+    return FolderCreation::CreatedWithRights;
 }
 
 void onMain(const std::function<void()>& work) {

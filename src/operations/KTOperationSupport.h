@@ -40,6 +40,13 @@ void alert(const AppController* app, const std::string& message, const std::stri
 /// and standard output.
 void tell(const AppController* app, const std::string& message, const std::string& informative);
 
+/// How a missing folder came to be made.
+enum class FolderCreation { Existed, Created, CreatedWithRights, Refused };
+/// Makes `folder` with its parents. When the plain call fails it logs
+/// `failureFormat` (the folder, the error's text) and makes the folder with
+/// administrator rights, pausing after that privileged step.
+FolderCreation createFolder(const std::string& folder, std::string_view failureFormat);
+
 /// Whether anything is at the path (a dangling link included).
 bool exists(const std::string& path);
 bool isDirectory(const std::string& path);

@@ -89,19 +89,11 @@ bool OutlineViewController::moveFilter(const std::shared_ptr<KTPluginItem>& item
         }
         const std::string target = KTPluginLocations::disabledPathForPath(path);
         const std::string parent = parentOf(target);
-        if (!exists(parent)) {
-            std::error_code ec;
-            fs::create_directories(parent, ec);
-            if (ec) {
-                KTLog::appendLog("Unable to create directory %@ - %@. Authorizing...", parent,
-                                 ec.message());
-                if (!KTAuthorization::sharedController()->authCreateDir(parent)) {
-                    KTTaskNotification::postTaskErrorString("Ambrel: Unable to authorize.");
-                    KTLog::appendLog("Unable to authorize.");
-                    return false;
-                }
-                KTFileMover::pauseAfterPrivilegedStep();
-            }
+        if (createFolder(parent, "Unable to create directory %@ - %@. Authorizing...") ==
+            FolderCreation::Refused) {
+            KTTaskNotification::postTaskErrorString("Ambrel: Unable to authorize.");
+            KTLog::appendLog("Unable to authorize.");
+            return false;
         }
         if (moveFileFrom(path, target)) {
             item->setPluginEnabled(0);
@@ -133,17 +125,11 @@ bool OutlineViewController::moveFileFrom(const std::string& oldPath, const std::
     const std::string folder = parentOf(newPath);
     if (!exists(folder)) {
         KTLog::appendLog("Creating new containing folder at %@...", folder);
-        std::error_code ec;
-        fs::create_directories(folder, ec);
-        if (ec) {
-            KTLog::appendLog("Unable to create directory at %@ - %@. Authorizing...", folder,
-                             ec.message());
-            if (!KTAuthorization::sharedController()->authCreateDir(folder)) {
-                KTLog::appendLog("User cancelled authorization.");
-                if (app_) app_->setProcessingCancelled(true);
-                return false;
-            }
-            KTFileMover::pauseAfterPrivilegedStep();
+        if (createFolder(folder, "Unable to create directory at %@ - %@. Authorizing...") ==
+            FolderCreation::Refused) {
+            KTLog::appendLog("User cancelled authorization.");
+            if (app_) app_->setProcessingCancelled(true);
+            return false;
         }
     }
     if (!exists(folder)) {
