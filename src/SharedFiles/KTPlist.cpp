@@ -76,40 +76,47 @@ bool KTPlist::writeFileAtomically(const std::string& path, const std::string& by
     return true;
 }
 
-std::optional<std::string> KTPlist::stringForKey(plist_t dict, const char* key) {
-    if (!dict || plist_get_node_type(dict) != PLIST_DICT) return std::nullopt;
-    plist_t v = plist_dict_get_item(dict, key);
-    if (!v || plist_get_node_type(v) != PLIST_STRING) return std::nullopt;
+std::optional<std::string> KTPlist::stringValue(plist_t node) {
+    if (!node || plist_get_node_type(node) != PLIST_STRING) return std::nullopt;
     char* s = nullptr;
-    plist_get_string_val(v, &s);
+    plist_get_string_val(node, &s);
     std::string out(s ? s : "");
     free(s);
     return out;
 }
 
-std::optional<long long> KTPlist::integerForKey(plist_t dict, const char* key) {
-    if (!dict || plist_get_node_type(dict) != PLIST_DICT) return std::nullopt;
-    plist_t v = plist_dict_get_item(dict, key);
-    if (!v) return std::nullopt;
-    switch (plist_get_node_type(v)) {
+std::optional<long long> KTPlist::integerValue(plist_t node) {
+    if (!node) return std::nullopt;
+    switch (plist_get_node_type(node)) {
         case PLIST_UINT: {
             uint64_t u = 0;
-            plist_get_uint_val(v, &u);
+            plist_get_uint_val(node, &u);
             return static_cast<long long>(u);
         }
         case PLIST_REAL: {
             double d = 0;
-            plist_get_real_val(v, &d);
+            plist_get_real_val(node, &d);
+            if (!(d > -9.2e18 && d < 9.2e18)) return std::nullopt;
             return static_cast<long long>(d);
         }
         case PLIST_BOOLEAN: {
             uint8_t b = 0;
-            plist_get_bool_val(v, &b);
+            plist_get_bool_val(node, &b);
             return b ? 1 : 0;
         }
         default:
             return std::nullopt;
     }
+}
+
+std::optional<std::string> KTPlist::stringForKey(plist_t dict, const char* key) {
+    if (!dict || plist_get_node_type(dict) != PLIST_DICT) return std::nullopt;
+    return stringValue(plist_dict_get_item(dict, key));
+}
+
+std::optional<long long> KTPlist::integerForKey(plist_t dict, const char* key) {
+    if (!dict || plist_get_node_type(dict) != PLIST_DICT) return std::nullopt;
+    return integerValue(plist_dict_get_item(dict, key));
 }
 
 std::optional<bool> KTPlist::boolForKey(plist_t dict, const char* key) {

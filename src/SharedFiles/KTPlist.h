@@ -16,7 +16,7 @@ using KTPlistPtr = std::unique_ptr<void, KTPlistDeleter>;
 
 /// Property-list files: XML or binary read, XML or binary written.
 class KTPlist {
-public:
+  public:
     /// Parses a property list held in memory (XML or binary); null when it is not one.
     static KTPlistPtr fromMemory(const std::string& bytes);
     /// Reads a property-list file; null when missing, unreadable or corrupt.
@@ -26,6 +26,12 @@ public:
     /// Writes atomically: a temporary file beside the target, then a rename.
     static bool writeFileAtomically(const std::string& path, const std::string& bytes,
                                     std::string* error = nullptr);
+
+    /// The text of a string node; nothing for any other node.
+    static std::optional<std::string> stringValue(plist_t node);
+    /// An integer, a boolean (1 or 0) or a real in range, as an integer;
+    /// nothing for any other node.
+    static std::optional<long long> integerValue(plist_t node);
 
     /// Typed reads of a dictionary entry; nothing when absent or of another type.
     static std::optional<std::string> stringForKey(plist_t dict, const char* key);

@@ -34,24 +34,15 @@ plist_t toPlist(const KTPreferenceValue& value) {
     return std::visit(visitor, value);
 }
 
-std::string stringOf(plist_t node) {
-    char* s = nullptr;
-    plist_get_string_val(node, &s);
-    std::string out(s ? s : "");
-    std::free(s);
-    return out;
-}
+std::string stringOf(plist_t node) { return KTPlist::stringValue(node).value_or(""); }
 
 std::optional<KTPreferenceValue> fromPlist(plist_t node) {
     if (!node) return std::nullopt;
     switch (plist_get_node_type(node)) {
         case PLIST_STRING:
             return stringOf(node);
-        case PLIST_UINT: {
-            uint64_t u = 0;
-            plist_get_uint_val(node, &u);
-            return static_cast<long long>(u);
-        }
+        case PLIST_UINT:
+            return *KTPlist::integerValue(node);
         case PLIST_BOOLEAN: {
             uint8_t b = 0;
             plist_get_bool_val(node, &b);

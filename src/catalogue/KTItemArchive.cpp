@@ -379,38 +379,10 @@ class Decoder {
     }
 
     std::optional<std::string> decodeString(UID uid) const {
-        plist_t node = object(uid);
-        if (!node || plist_get_node_type(node) != PLIST_STRING) return std::nullopt;
-        char* s = nullptr;
-        plist_get_string_val(node, &s);
-        std::string out = s ? s : "";
-        free(s);
-        return out;
+        return KTPlist::stringValue(object(uid));
     }
 
-    static std::optional<long long> number(plist_t node) {
-        if (!node) return std::nullopt;
-        switch (plist_get_node_type(node)) {
-            case PLIST_UINT: {
-                uint64_t v = 0;
-                plist_get_uint_val(node, &v);
-                return static_cast<long long>(v);
-            }
-            case PLIST_BOOLEAN: {
-                uint8_t b = 0;
-                plist_get_bool_val(node, &b);
-                return b ? 1 : 0;
-            }
-            case PLIST_REAL: {
-                double d = 0;
-                plist_get_real_val(node, &d);
-                if (!(d > -9.2e18 && d < 9.2e18)) return std::nullopt;
-                return static_cast<long long>(d);
-            }
-            default:
-                return std::nullopt;
-        }
-    }
+    static std::optional<long long> number(plist_t node) { return KTPlist::integerValue(node); }
 
     std::optional<long long> decodeNumber(UID uid) const { return number(object(uid)); }
 
