@@ -42,25 +42,10 @@ class TmpfsMount {
     bool ok_ = false;
 };
 
-/// Sets or clears the immutable flag; false where the file system or the
-/// user cannot.
-bool setImmutable(const std::string& path, bool on) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) return false;
-    int flags = 0;
-    bool ok = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
-    if (ok) {
-        flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
-        ok = ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
-    }
-    ::close(fd);
-    return ok;
-}
-
 /// Clears the flag when the test ends, however it ends, so the scratch folder can go.
 struct ImmutableGuard {
     std::string path;
-    ~ImmutableGuard() { setImmutable(path, false); }
+    ~ImmutableGuard() { ScratchRoot::setImmutable(path, false); }
 };
 
 /// What trash-cli, an independent reader of the trash, lists for this home.
@@ -151,7 +136,8 @@ TEST_F(KTFileManagerTest, LockedItemsAreUnlockedAndDanglingLinksStillCount) {
     const std::string item = scratch.rootPath("/Library/Plug-Ins/Locked.plugin");
     ScratchRoot::writeFile(item, "x");
     ImmutableGuard guard{item};
-    if (!setImmutable(item, true)) GTEST_SKIP() << "this file system or user cannot lock files";
+    if (!ScratchRoot::setImmutable(item, true))
+        GTEST_SKIP() << "this file system or user cannot lock files";
     ASSERT_NE(::unlink(item.c_str()), 0);  // it really is locked
     EXPECT_TRUE(KTFileManager::trashFile(item, false));
     EXPECT_FALSE(KTFileManager::fileExistsAtPath(item));
@@ -176,7 +162,7 @@ TEST_F(KTFileManagerTest, FailedMoveLeavesTheItemAndNoTrashEntry) {
     ScratchRoot::writeFile(item + "/Contents/x", "x");
     ImmutableGuard guard{folder};
     if (::geteuid() == 0) {
-        if (!setImmutable(folder, true)) GTEST_SKIP() << "cannot lock the folder here";
+        if (!ScratchRoot::setImmutable(folder, true)) GTEST_SKIP() << "cannot lock the folder here";
     } else {
         fs::permissions(folder, fs::perms::owner_read | fs::perms::owner_exec);
     }

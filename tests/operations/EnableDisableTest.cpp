@@ -7,23 +7,7 @@
 
 #include "OperationsTestSupport.h"
 
-namespace {
-
-/// Sets or clears the immutable flag; false when this file system has none.
-bool setImmutable(const std::string& path, bool on) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK);
-    if (fd < 0) return false;
-    int flags = 0;
-    bool ok = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
-    if (ok) {
-        flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
-        ok = ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
-    }
-    ::close(fd);
-    return ok;
-}
-
-}  // namespace
+namespace {}  // namespace
 
 TEST(EnableDisableTest, RoundTripRemovesTheEmptiedChainUpToTheDisabledFolder) {
     OperationsWorld w;
@@ -119,16 +103,16 @@ TEST(EnableDisableTest, MoveNeverReplacesAndAMissingSourceIsNothingToDo) {
 TEST(EnableDisableTest, ImmutableFlagIsClearedOnTheWayIncludingAncestors) {
     OperationsWorld w;
     ScratchRoot::writeFile(w.fx("/Pack/Glow.fxplug/v"), "glow");
-    if (!setImmutable(w.fx("/Pack/Glow.fxplug"), true))
+    if (!ScratchRoot::setImmutable(w.fx("/Pack/Glow.fxplug"), true))
         GTEST_SKIP() << "no immutable flag here (needs root and a file system that keeps it)";
-    setImmutable(w.fx("/Pack"), true);
+    ScratchRoot::setImmutable(w.fx("/Pack"), true);
     w.load();
     auto glow = w.plugin("Glow.fxplug");
     ASSERT_TRUE(glow);
     const bool moved = w.outline().moveFilter(glow, 0);
-    setImmutable(w.fx("/Pack"), false);  // whatever happened, the scratch tree must go
-    setImmutable(w.mirror(w.fx("/Pack/Glow.fxplug")), false);
-    setImmutable(w.fx("/Pack/Glow.fxplug"), false);
+    ScratchRoot::setImmutable(w.fx("/Pack"), false);  // whatever happened, the scratch tree must go
+    ScratchRoot::setImmutable(w.mirror(w.fx("/Pack/Glow.fxplug")), false);
+    ScratchRoot::setImmutable(w.fx("/Pack/Glow.fxplug"), false);
     EXPECT_TRUE(moved);
     EXPECT_EQ(ScratchRoot::readFile(w.mirror(w.fx("/Pack/Glow.fxplug/v"))), "glow");
 }

@@ -1,5 +1,10 @@
 #include "support/ScratchRoot.h"
 
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -64,4 +69,19 @@ std::string ScratchRoot::readFile(const std::string& path) {
     return ss.str();
 }
 
-void ScratchRoot::makeDirs(const std::string& path) { fs::create_directories(path); }
+void ScratchRoot::makeDirs(const std::string& path) {
+    fs::create_directories(path);
+}
+
+bool ScratchRoot::setImmutable(const std::string& path, bool on) {
+    int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return false;
+    int flags = 0;
+    bool ok = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+    if (ok) {
+        flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
+        ok = ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
+    }
+    ::close(fd);
+    return ok;
+}

@@ -7,7 +7,7 @@
 /// XDG_DATA_HOME cleared) until the guard goes, when both are restored and
 /// the folder is removed.
 class ScratchRoot {
-public:
+  public:
     ScratchRoot();
     ~ScratchRoot();
     ScratchRoot(const ScratchRoot&) = delete;
@@ -25,8 +25,11 @@ public:
     static void writeFile(const std::string& path, const std::string& content = "");
     static std::string readFile(const std::string& path);
     static void makeDirs(const std::string& path);
+    /// Sets or clears the immutable (locked) flag; false where the file
+    /// system or the user cannot.
+    static bool setImmutable(const std::string& path, bool on);
 
-private:
+  private:
     std::string base_, root_, home_;
     std::string oldRoot_, oldHome_, oldXdg_;
     bool hadRoot_ = false, hadHome_ = false, hadXdg_ = false;
