@@ -1,5 +1,6 @@
 #include "SharedFiles/KTAuthorization.h"
 
+#include "TestPaths.h"
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/stat.h>

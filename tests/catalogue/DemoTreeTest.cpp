@@ -1,6 +1,7 @@
 // The demo and benchmark tree: runs the built generator as a child process
 // and checks the tree is reproducible and holds what the catalogue must meet.
 
+#include "TestPaths.h"
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <spawn.h>

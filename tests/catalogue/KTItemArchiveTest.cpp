@@ -1,5 +1,6 @@
 #include "catalogue/KTItemArchive.h"
 
+#include "TestPaths.h"
 #include <gtest/gtest.h>
 
 #include <cstdio>

@@ -1,5 +1,6 @@
 #include "support/ChildProcess.h"
 
+#include "TestPaths.h"
 #include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
