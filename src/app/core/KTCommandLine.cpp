@@ -33,8 +33,11 @@ bool KTCommandLine::isVerb(const std::vector<std::string>& args) {
     return false;
 }
 
+std::string KTCommandLine::versionText() { return std::string("ambrel ") + AMBREL_VERSION + "\n"; }
+
 std::string KTCommandLine::usage() {
     return "usage: ambrel                          open the window\n"
+           "       ambrel --help | --version       this text, or the version\n"
            "       ambrel -allplugins [-data|-plist]\n"
            "                                       list every plug-in path, enabled first;\n"
            "                                       -data writes the catalogue as a keyed archive\n"

@@ -22,6 +22,9 @@ public:
     /// The usage text, also printed when no window can be opened.
     static std::string usage();
 
+    /// "ambrel VERSION", one line, for "--version".
+    static std::string versionText();
+
 private:
     static int allPlugins(AppController& app, const std::vector<std::string>& args);
     /// "-enable", "-disable", "-remove": every listed plug-in, or those whose

@@ -1,4 +1,5 @@
 #include <QApplication>
+#include <QIcon>
 #include <QTimer>
 #include <QTreeView>
 #include <cstdlib>
@@ -50,6 +51,10 @@ int runWindow(int argc, char** argv) {
     QApplication qapp(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Ambrel"));
     QApplication::setOrganizationName(QStringLiteral("Quellbrook"));
+    // Matches the installed desktop entry and icon, so docks and task bars
+    // show Ambrel's own icon and name.
+    QApplication::setDesktopFileName(QStringLiteral("com.quellbrook.ambrel"));
+    QApplication::setWindowIcon(QIcon::fromTheme(QStringLiteral("com.quellbrook.ambrel")));
     KTMainThread::setShared(std::make_shared<KTQtMainThread>());
     // The product's log, whatever the executable is called.
     KTLog::sharedController()->setAppName("Ambrel");
