@@ -73,6 +73,8 @@ KTInstallerBuilder::Outcome KTInstallerBuilder::build(const KTInstallerRequest& 
 
     if (installerCancelled_) return Outcome::Cancelled;
     std::string error;
+    KTOperationSupport::createFolder(KTOperationSupport::parentOf(bundle),
+                                     "Unable to create directory %@ - %@");
     if (!KTInstallCopier::shared().copyItem(templatePath, bundle, &error)) {
         KTLog::appendLog("Unable to copy %@ to %@ - %@", templatePath, bundle, error);
         fail("Failed to copy files.");
