@@ -2,9 +2,12 @@
 
 #include <cctype>
 #include <regex>
+#include <set>
 
 #include "SharedFiles/KTLocalPaths.h"
 #include "SharedFiles/KTPreferences.h"
+#include "catalogue/KTGroupItem.h"
+#include "catalogue/KTPluginItem.h"
 
 namespace KTInstallerSettings {
 namespace {
@@ -99,6 +102,24 @@ std::string initialIdentity(const std::vector<std::string>& names, const std::st
     for (const auto& n : names)
         if (n.find("Developer ID Application") != std::string::npos) return n;
     return kNotSet;
+}
+
+std::vector<std::string> filesForItems(const KTItemList& items) {
+    std::vector<std::string> out;
+    std::set<std::string> seen;
+    auto add = [&](const std::string& path) {
+        if (seen.insert(path).second) out.push_back(path);
+    };
+    for (const auto& item : items) {
+        if (!item) continue;
+        if (item->isGroup()) {
+            for (const auto& plugin : static_cast<const KTGroupItem&>(*item).allPluginChildren())
+                add(plugin->pluginPath());
+        } else {
+            add(static_cast<const KTPluginItem&>(*item).pluginPath());
+        }
+    }
+    return out;
 }
 
 }  // namespace KTInstallerSettings

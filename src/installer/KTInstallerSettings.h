@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "catalogue/KTItem.h"
+
 class KTPreferences;
 
 /// One installer to build: what the installer window or the command line
@@ -81,5 +83,9 @@ std::string installFolderFor(const std::string& structureFolder);
 /// still in `names`, else the first "Developer ID Application" one, else
 /// "(not set)".
 std::string initialIdentity(const std::vector<std::string>& names, const std::string& remembered);
+
+/// The plug-ins of an outline selection in row order: a group's plug-ins
+/// below it, a plug-in's own path; each path once.
+std::vector<std::string> filesForItems(const KTItemList& items);
 
 }  // namespace KTInstallerSettings
