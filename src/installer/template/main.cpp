@@ -1,6 +1,7 @@
 // The template installer: copied with its plug-ins into every installer that
 // Ambrel builds, and run from inside that bundle.
 #include <QApplication>
+#include <QTimer>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -54,5 +55,12 @@ int main(int argc, char** argv) {
     QApplication app(argc, argv);
     KTInstallerAppWindow window(runner);
     window.show();
+    // AMBREL_SCREENSHOT=file.png: a picture of the window, then quit (README, checks).
+    if (const QString shot = qEnvironmentVariable("AMBREL_SCREENSHOT"); !shot.isEmpty()) {
+        QTimer::singleShot(500, &window, [&window, shot] {
+            window.grab().save(shot);
+            window.close();
+        });
+    }
     return app.exec();
 }
