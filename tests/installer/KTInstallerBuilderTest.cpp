@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "SharedFiles/KTFileTree.h"
+#include "SharedFiles/KTKeychain.h"
 #include "SharedFiles/KTPlist.h"
 #include "support/ChildProcess.h"
 #include "support/ScratchRoot.h"
@@ -239,6 +240,17 @@ TEST(KTInstallerAppleID, SetAppleIDStoresReplacesAndRemovesTheOneItem) {
 
     ASSERT_EQ(set("new@example.com", "").exitCode, 0);
     EXPECT_EQ(items().find("attribute.labl"), std::string::npos);
+
+    // A locked keyring asks nobody: what is stored reads as nothing, and nothing is stored.
+    ASSERT_EQ(set("dev@example.com", "pw").exitCode, 0);
+    auto lock =
+        sh("gdbus call --session --dest org.freedesktop.secrets --object-path "
+           "/org/freedesktop/secrets --method org.freedesktop.Secret.Service.Lock "
+           "\"['/org/freedesktop/secrets/collection/login']\"");
+    ASSERT_EQ(lock.exitCode, 0) << lock.err;
+    std::string id, password;
+    EXPECT_FALSE(KTKeychain::appleIDInfo(&id, &password));
+    EXPECT_EQ(set("other@example.com", "pw2").exitCode, 1);
 
     // No session bus: the keychain refuses, and says so on the console.
     auto noBus = sh("printf 'pw\\n' | DBUS_SESSION_BUS_ADDRESS=disabled: '" + program +
