@@ -127,6 +127,14 @@ KTInstallerRunner::Report KTInstallerRunner::install(
     const std::function<void(const std::string&)>& progress) {
     Report report;
     const auto plugins = placements();
+    if (plugins.empty()) {
+        // A damaged installer: nothing to put in place is not a success.
+        const std::string structure = bundle_ + "/" + KTInstallerSettings::kStructureFolder;
+        report.failed.push_back(structure);
+        report.messages.push_back(
+            KTFormat::str("The installer holds no plugins in %@.", structure));
+        return report;
+    }
     if (!runScript("preinstall", report, progress)) {
         for (const auto& p : plugins) report.failed.push_back(p.source);
         return report;

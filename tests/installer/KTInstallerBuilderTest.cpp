@@ -156,7 +156,7 @@ TEST(KTInstallerBuilder, BuiltInstallerHoldsTheLayoutAndInstallsEverythingElsewh
     EXPECT_TRUE(trashed);
 }
 
-TEST(KTInstallerBuilder, AFailingPreinstallScriptInstallsNothing) {
+TEST(KTInstallerBuilder, AFailingScriptOrAnEmptyInstallerInstallsNothingAndFails) {
     BuildMachine machine;
     writeScript(machine.work("/before.sh"), "exit 3");
     auto built = machine.build({"Echo.component"});
@@ -166,6 +166,13 @@ TEST(KTInstallerBuilder, AFailingPreinstallScriptInstallsNothing) {
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_NE(run.err.find("preinstall.sh failed with status 3"), std::string::npos) << run.err;
     EXPECT_FALSE(fs::exists(target.rootPath(kComponents + "/Echo.component")));
+
+    // An installer that lost its plug-ins does not report success.
+    writeScript(machine.out() + "/Contents/Resources/preinstall.sh", "exit 0");
+    fs::remove_all(machine.out() + "/Contents/Resources/PluginStructure");
+    run = ChildProcess::run({machine.out() + kProgram, "-unattended"});
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_NE(run.err.find("The installer holds no plugins"), std::string::npos) << run.err;
 }
 
 TEST(KTInstallerBuilder, RefusalsExitOneWithTheirMessages) {
