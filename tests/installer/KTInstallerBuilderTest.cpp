@@ -10,6 +10,7 @@
 #include "SharedFiles/KTFileTree.h"
 #include "SharedFiles/KTKeychain.h"
 #include "SharedFiles/KTPlist.h"
+#include "installer/KTInstallerRunner.h"
 #include "support/ChildProcess.h"
 #include "support/ScratchRoot.h"
 
@@ -133,6 +134,20 @@ TEST(KTInstallerBuilder, BuiltInstallerHoldsTheLayoutAndInstallsEverythingElsewh
     KTPlistPtr info = KTPlist::readFile(bundle + "/Contents/Info.plist");
     ASSERT_TRUE(info);
     EXPECT_EQ(KTPlist::stringForKey(info.get(), "CFBundleIconFile"), "icon.icns");
+
+    // What the template reads back, and its window drawn offscreen.
+    KTInstallerRunner runner(bundle);
+    ASSERT_TRUE(runner.loadSettings(nullptr));
+    EXPECT_EQ(runner.settings().name, "Acme FX");
+    EXPECT_EQ(runner.settings().eulaPath, resources + "Licence.txt");
+    EXPECT_EQ(runner.settings().bgImagePath, resources + "back.png");
+    EXPECT_TRUE(runner.settings().removeBranding);
+    EXPECT_EQ(runner.placements().size(), 4u);
+    const std::string shot = machine.scratch.base() + "/shot.png";
+    auto window = ChildProcess::run({"/usr/bin/env", "QT_QPA_PLATFORM=offscreen",
+                                     "AMBREL_SCREENSHOT=" + shot, bundle + kProgram});
+    EXPECT_EQ(window.exitCode, 0) << window.err;
+    EXPECT_TRUE(fs::exists(shot));
 
     // Installed on a second machine, unattended.
     const std::string program = machine.scratch.base() + "/moved/Acme FX Installer.app";
