@@ -151,6 +151,7 @@ int setAppleID(const std::vector<std::string>& args) {
     if (!password.empty() && password.back() == '\r') password.pop_back();
     const bool ok = KTKeychain::setAppleIDInfo(args[1], password);
     if (!ok) KTLog::appendLog("Unable to store the Apple ID in the keychain");
+    KTLog::finishWriting();
     return ok ? 0 : 1;
 }
 

@@ -56,6 +56,8 @@ std::string KTCommandLine::usage() {
 int KTCommandLine::run(const std::vector<std::string>& args) {
     std::unique_ptr<AppController> app = AppController::initWithoutGUI();
     if (!app) return kControllerFailed;
+    // The keychain needs no catalogue.
+    if (args[0] == "-setappleid") return KTInstallerCommands::setAppleID(args);
     app->loadPluginData();
     app->outlineViewController().waitForBundleInspection();
 
@@ -66,7 +68,6 @@ int KTCommandLine::run(const std::vector<std::string>& args) {
     if (verb == "-setaccess") status = setAccess(*app, args);
     if (verb == "-install") status = install(*app, args);
     if (verb == "-createinstaller") status = KTInstallerCommands::createInstaller(*app, args);
-    if (verb == "-setappleid") status = KTInstallerCommands::setAppleID(args);
     // Everything the verb logged is on disk before the process ends.
     KTLog::finishWriting();
     return status;
