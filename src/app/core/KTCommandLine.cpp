@@ -10,10 +10,11 @@
 #include "catalogue/KTItemArchive.h"
 #include "catalogue/KTPluginLocations.h"
 #include "catalogue/OutlineViewController.h"
+#include "installer/KTInstallerCommands.h"
 
 namespace {
 const char* const kVerbs[] = {"-install", "-enable", "-disable", "-remove", "-setaccess",
-                              "-allplugins"};
+                              "-allplugins", "-createinstaller", "-setappleid"};
 
 void writeAll(const std::string& bytes) {
     std::size_t done = 0;
@@ -51,12 +52,15 @@ std::string KTCommandLine::usage() {
            "                                       user, or with -all for all users\n"
            "       ambrel -setaccess scope [name]  move them to the folders of a scope: 0 all\n"
            "                                       users, 1 current user; without a name, every\n"
-           "                                       plug-in\n";
+           "                                       plug-in\n" +
+           KTInstallerCommands::usage();
 }
 
 int KTCommandLine::run(const std::vector<std::string>& args) {
     std::unique_ptr<AppController> app = AppController::initWithoutGUI();
     if (!app) return kControllerFailed;
+    // The keychain needs no catalogue.
+    if (args[0] == "-setappleid") return KTInstallerCommands::setAppleID(args);
     app->loadPluginData();
     app->outlineViewController().waitForBundleInspection();
 
@@ -66,6 +70,7 @@ int KTCommandLine::run(const std::vector<std::string>& args) {
     if (verb == "-enable" || verb == "-disable" || verb == "-remove") status = pluginVerb(*app, args);
     if (verb == "-setaccess") status = setAccess(*app, args);
     if (verb == "-install") status = install(*app, args);
+    if (verb == "-createinstaller") status = KTInstallerCommands::createInstaller(*app, args);
     // Everything the verb logged is on disk before the process ends.
     KTLog::finishWriting();
     return status;

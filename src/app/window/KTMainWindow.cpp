@@ -33,6 +33,7 @@
 #include "SharedFiles/KTMainThread.h"
 #include "SharedFiles/KTPreferences.h"
 #include "app/core/AppController.h"
+#include "app/window/KTInstallerWindow.h"
 #include "app/window/KTOutlineModel.h"
 #include "app/window/KTQtUserInterface.h"
 #include "app/window/KTTreeLockGuard.h"
@@ -261,6 +262,8 @@ void KTMainWindow::buildActions() {
 void KTMainWindow::buildMenus() {
     QMenu* file = menuBar()->addMenu(QStringLiteral("&File"));
     file->addAction(installAction_);
+    file->addAction(QStringLiteral("Create Ambrel Installer..."), this,
+                    [this] { KTInstallerWindow::showInstallerWindow(this, selectedItems()); });
     file->addSeparator();
     file->addAction(printAction_);
     file->addSeparator();
