@@ -23,8 +23,14 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const char* kServer = R"(import http.server, os, ssl, sys
-cert, key, out = sys.argv[1:4]
+const char* kServer = R"(import http.server, os, socket, ssl, sys
+cert, key, out, mode = sys.argv[1:5]
+if mode == "silent":  # takes connections and never says a word
+    listener = socket.create_server(("127.0.0.1", 0))
+    print(listener.getsockname()[1], flush=True)
+    held = []
+    while True:
+        held.append(listener.accept())
 class Handler(http.server.BaseHTTPRequestHandler):
     def do_POST(self):
         body = self.rfile.read(int(self.headers.get("Content-Length", "0")))
@@ -46,10 +52,12 @@ server.serve_forever()
 )";
 
 /// The form handler as a child process; it records the last request's
-/// Content-Type and raw body in `recording`, one line then the bytes.
+/// Content-Type and raw body in `recording`, one line then the bytes. A
+/// silent one accepts connections and never answers.
 class LoopbackHTTPSServer {
   public:
-    LoopbackHTTPSServer(const std::string& dir) : recording(dir + "/received") {
+    LoopbackHTTPSServer(const std::string& dir, bool silent = false)
+        : recording(dir + "/received") {
         cert = dir + "/cert.pem";
         const std::string key = dir + "/key.pem", script = dir + "/server.py";
         ScratchRoot::writeFile(script, kServer);
@@ -67,7 +75,8 @@ class LoopbackHTTPSServer {
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
         posix_spawn_file_actions_addclose(&actions, out[0]);
-        std::vector<std::string> argv{"/usr/bin/python3", script, cert, key, recording};
+        std::vector<std::string> argv{"/usr/bin/python3",        script, cert, key, recording,
+                                      silent ? "silent" : "http"};
         std::vector<char*> args;
         for (auto& a : argv) args.push_back(a.data());
         args.push_back(nullptr);
@@ -182,4 +191,17 @@ TEST_F(KTQCUploadTest, AFailedOrImpossiblePostStillEmptiesTheCache) {
     // Nothing is sent twice: the next launch posts only its own launch.
     auto qc = std::make_unique<KTQC>(KTQC::Services{transport, clock});
     EXPECT_TRUE(qc->cache().empty());
+}
+
+TEST_F(KTQCUploadTest, QuittingEndsAPostTheServerNeverAnswers) {
+    LoopbackHTTPSServer server(scratch.base(), true);
+    ASSERT_GT(server.port, 0);
+    configure(server.url());
+    auto qc = std::make_unique<KTQC>(KTQC::Services{curl, clock});
+    RecordingQuestion window;
+    qc->loadQC(window);
+    qc->waitUntilIdle();
+    qc->willTerminate();  // would wait out the connection's time-out if the post were not ended
+    EXPECT_NE(logText().find("Connection failed - Callback aborted"), std::string::npos);
+    EXPECT_FALSE(fs::exists(cacheFile()));
 }
