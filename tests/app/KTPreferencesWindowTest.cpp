@@ -2,6 +2,7 @@
 #include <QAction>
 #include <QApplication>
 #include <QCheckBox>
+#include <QSignalBlocker>
 
 #include <gtest/gtest.h>
 
@@ -47,7 +48,15 @@ TEST_F(KTPreferencesWindowTest, PreferencesStoreTheAnalyticsAnswerAndFollowTheMe
 
     prefsWindow.adminPasswordCheckBox()->click();
     EXPECT_TRUE(menuItem.isChecked());
-    menuItem.setChecked(false);  // a refused write puts the item back
+    menuItem.setChecked(false);
+    EXPECT_FALSE(prefsWindow.adminPasswordCheckBox()->isChecked());
+    // The menu item puts itself back, silently, when the preference cannot be written.
+    QObject::connect(&menuItem, &QAction::toggled, [&](bool on) {
+        QSignalBlocker block(&menuItem);
+        menuItem.setChecked(!on);
+    });
+    prefsWindow.adminPasswordCheckBox()->click();
+    EXPECT_FALSE(menuItem.isChecked());
     EXPECT_FALSE(prefsWindow.adminPasswordCheckBox()->isChecked());
 
     prefs().removeObjectForKey("qcSubmitURL");

@@ -33,8 +33,13 @@ KTPreferencesWindow::KTPreferencesWindow(KTQC& analytics, QAction* requireAdminP
     layout->addWidget(adminCheckbox_);
     if (requireAdminPassword) {
         adminCheckbox_->setChecked(requireAdminPassword->isChecked());
-        connect(adminCheckbox_, &QCheckBox::toggled, requireAdminPassword, &QAction::setChecked);
-        // The menu item undoes itself when the preference cannot be written.
+        connect(adminCheckbox_, &QCheckBox::toggled, requireAdminPassword,
+                [this, requireAdminPassword](bool on) {
+                    requireAdminPassword->setChecked(on);
+                    // A refused write puts the item back without a signal.
+                    QSignalBlocker block(adminCheckbox_);
+                    adminCheckbox_->setChecked(requireAdminPassword->isChecked());
+                });
         connect(requireAdminPassword, &QAction::toggled, adminCheckbox_, [this](bool on) {
             QSignalBlocker block(adminCheckbox_);
             adminCheckbox_->setChecked(on);
