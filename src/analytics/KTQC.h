@@ -123,7 +123,7 @@ class KTQC {
     std::string currentIdentifier();
     long long now() const;
 
-    // State, as the rest of the maker's programs keep it.
+    // The events and the queue that writes and sends them.
     mutable std::mutex cacheLock_;  // cache_ and lastCacheWrite_
     std::vector<KTQCEvent> cache_;
     std::optional<double> lastCacheWrite_;

@@ -4,61 +4,46 @@
 
 #include <memory>
 #include <mutex>
-#include <string>
-#include <vector>
 
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTPreferences.h"
 #include "analytics/KTQC.h"
 #include "support/ScratchRoot.h"
 
-/// A clock the test moves by hand.
 class FakeClock : public KTQCClock {
   public:
     double now() const override { return time; }
     double time = 1700000000;
 };
 
-/// Records every request and answers as told, finishing at once.
+/// Records every request.
 class RecordingTransport : public KTQCTransport {
   public:
     bool start(const KTQCRequest& request, Finished finished) override {
         std::lock_guard<std::mutex> l(lock);
-        requests.push_back(request);
-        if (!connects) return false;
-        if (finished) finished(failure);
+        sent.push_back(request);
         return true;
     }
-    std::vector<KTQCRequest> sent() {
-        std::lock_guard<std::mutex> l(lock);
-        return requests;
-    }
-    bool connects = true;
-    std::optional<std::string> failure;
-
-  private:
     std::mutex lock;
-    std::vector<KTQCRequest> requests;
+    std::vector<KTQCRequest> sent;
 };
 
-/// Keeps the questions put, for the test to answer.
 class RecordingQuestion : public KTQCQuestion {
   public:
-    struct Asked {
-        std::chrono::milliseconds delay;
-        KTAlert question;
-        std::function<void(int)> answered;
-    };
     void ask(std::chrono::milliseconds delay, const KTAlert& question,
              std::function<void(int)> answered) override {
-        asked.push_back({delay, question, std::move(answered)});
+        delays.push_back(delay);
+        asked.push_back(question);
+        answer = std::move(answered);
     }
     void openURL(const std::string& url) override { opened.push_back(url); }
-    std::vector<Asked> asked;
+    std::vector<std::chrono::milliseconds> delays;
+    std::vector<KTAlert> asked;
+    std::function<void(int)> answer;
     std::vector<std::string> opened;
 };
 
-/// A scratch home with analytics pointed at `url` and a known system version.
+/// A scratch home with analytics configured and a known system version.
 class KTQCTestBase : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -66,30 +51,26 @@ class KTQCTestBase : public ::testing::Test {
         KTLog::setSuperuserForTesting(false);
         KTLog::createNewLog(std::string("QC"), true);
         ScratchRoot::writeFile(scratch.rootPath("/etc/os-release"),
-                               "NAME=\"Debian GNU/Linux\"\nPRETTY_NAME=\"Debian GNU/Linux 12 "
-                               "(bookworm)\"\nVERSION_ID=\"12\"\n");
+                               "NAME=Debian\nPRETTY_NAME=\"Debian GNU/Linux 12 (bookworm)\"\n");
         configure("https://127.0.0.1:9/qc.php");
+        prefs().setString("qcMoreInfoURL", "https://example.invalid/analytics");
     }
     void TearDown() override { KTLog::resetForTesting(); }
 
-    void configure(const std::string& url) {
-        prefs().setString("qcSubmitURL", url);
-        prefs().setString("qcMoreInfoURL", "https://example.invalid/analytics");
-    }
+    static void configure(const std::string& url) { prefs().setString("qcSubmitURL", url); }
     static KTPreferences& prefs() { return KTPreferences::standard(); }
     static KTPreferences& qcPrefs() { return KTQC::qcPreferences(); }
 
-    /// One launch of the program: the controller as the window makes it.
-    std::unique_ptr<KTQC> launch() {
-        return std::make_unique<KTQC>(KTQC::Services{transport, clock});
+    /// One launch of the program, as the window makes the controller.
+    std::unique_ptr<KTQC> launch(std::shared_ptr<KTQCTransport> network = nullptr) {
+        return std::make_unique<KTQC>(KTQC::Services{network ? network : transport, clock});
     }
-    /// A launch that runs to its end: asked (and answered with `answer`
-    /// when asked), queue drained, quit.
+    /// A launch run to its end: asked (and answering `answer` if asked), quit.
     void launchAndQuit(std::optional<int> answer = std::nullopt) {
         auto qc = launch();
         RecordingQuestion window;
         qc->loadQC(window);
-        if (answer && !window.asked.empty()) window.asked.back().answered(*answer);
+        if (answer && window.answer) window.answer(*answer);
         qc->waitUntilIdle();
         asks += static_cast<int>(window.asked.size());
     }
