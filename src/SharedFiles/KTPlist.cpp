@@ -3,7 +3,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -107,6 +109,24 @@ std::optional<long long> KTPlist::integerValue(plist_t node) {
         default:
             return std::nullopt;
     }
+}
+
+namespace {
+/// Seconds from 1 January 1970 to 1 January 2001, where property-list dates count from.
+constexpr long long kPlistEpoch = 978307200;
+}  // namespace
+
+std::optional<long long> KTPlist::dateValue(plist_t node) {
+    if (!node || plist_get_node_type(node) != PLIST_DATE) return std::nullopt;
+    int32_t sec = 0, usec = 0;
+    plist_get_date_val(node, &sec, &usec);
+    return static_cast<long long>(sec) + kPlistEpoch;
+}
+
+KTPlistPtr KTPlist::newDate(long long unixSeconds) {
+    const long long since2001 =
+        std::clamp<long long>(unixSeconds - kPlistEpoch, INT32_MIN, INT32_MAX);
+    return KTPlistPtr(plist_new_date(static_cast<int32_t>(since2001), 0));
 }
 
 std::optional<std::string> KTPlist::stringForKey(plist_t dict, const char* key) {

@@ -32,6 +32,12 @@ class KTPlist {
     /// An integer, a boolean (1 or 0) or a real in range, as an integer;
     /// nothing for any other node.
     static std::optional<long long> integerValue(plist_t node);
+    /// A date node, in whole seconds since 1 January 1970 (the files count
+    /// from 2001, as the maker's programs on macOS wrote them); nothing for any
+    /// other node.
+    static std::optional<long long> dateValue(plist_t node);
+    /// A new date node for a time in seconds since 1 January 1970.
+    static KTPlistPtr newDate(long long unixSeconds);
 
     /// Typed reads of a dictionary entry; nothing when absent or of another type.
     static std::optional<std::string> stringForKey(plist_t dict, const char* key);

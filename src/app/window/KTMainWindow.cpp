@@ -35,6 +35,7 @@
 #include "app/core/AppController.h"
 #include "app/window/KTInstallerWindow.h"
 #include "app/window/KTOutlineModel.h"
+#include "app/window/KTPreferencesWindow.h"
 #include "app/window/KTQtUserInterface.h"
 #include "app/window/KTTreeLockGuard.h"
 #include "catalogue/KTGroupItem.h"
@@ -267,6 +268,11 @@ void KTMainWindow::buildMenus() {
     file->addSeparator();
     file->addAction(printAction_);
     file->addSeparator();
+    QAction* prefs = file->addAction(QStringLiteral("Preferences..."), this, [this] {
+        KTPreferencesWindow::showShared(adminAction_, this);
+    });
+    prefs->setShortcut(QKeySequence::Preferences);
+    prefs->setMenuRole(QAction::PreferencesRole);
     QAction* quit = file->addAction(QStringLiteral("Quit"), this, [this] { close(); });
     quit->setShortcut(QKeySequence::Quit);
 

@@ -12,9 +12,11 @@
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTMainThread.h"
 #include "SharedFiles/KTPreferences.h"
+#include "analytics/KTQC.h"
 #include "app/core/AppController.h"
 #include "app/window/KTMainWindow.h"
 #include "app/window/KTOutlineModel.h"
+#include "app/window/KTQCQuestionDialog.h"
 #include "app/window/KTQtMainThread.h"
 
 namespace {
@@ -96,7 +98,11 @@ int runWindow(int argc, char** argv) {
                 });
         }
         app.reloadData();
+        // Usage analytics starts after launch; the question belongs to the window.
+        KTQCQuestionDialog analyticsQuestion(&window);
+        KTQC::sharedController().loadQC(analyticsQuestion);
         status = QApplication::exec();
+        KTQC::sharedController().willTerminate();
         window.waitForBackgroundWork();
     }
     KTMainThread::setShared(std::make_shared<KTInlineMainThread>());
