@@ -527,5 +527,7 @@ void KTTransfer::recoverEntry(const std::string& folder, const std::string& toke
     // an original that needs its note to be settled.
     if (!note.empty()) {
         ::unlink(note.c_str());
+        if (copy.empty() && aside.empty())
+            KTLog::appendLog("Removed %@, the note of an interrupted transfer", note);
     }
 }

@@ -91,7 +91,10 @@ struct ImmutableGuard {
 
 class KTTransferTest : public ::testing::Test {
   protected:
-    void SetUp() override { KTLog::resetForTesting(); }
+    void SetUp() override {
+        KTLog::resetForTesting();
+        KTLog::createNewLog(std::string("Transfer"), true);
+    }
     void TearDown() override {
         KTLog::finishWriting();
         KTLog::resetForTesting();

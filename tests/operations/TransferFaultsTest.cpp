@@ -3,7 +3,7 @@
 // second disks, full disks, read-only volumes, immutable files, other users'
 // files, kill -9, a second Ambrel and a concurrent mv, and the invariant
 // checked after every step. scripts/faults runs it larger
-// (AMBREL_FAULTS_SIZE, _STEPS, _SEEDS, _BIG_MB).
+// (AMBREL_FAULTS_SIZE, _STEPS, _SEEDS, _KILLS, _BIG_MB).
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
@@ -23,6 +23,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iostream>
 #include <map>
 #include <random>
 #include <set>
@@ -164,7 +165,7 @@ class FaultWorld {
         }
         ChildProcess gen = ChildProcess::run({ChildProcess::builtProgram("ambrel-gen"), "--root",
                                               s.root(), "--home", s.home(), "--size",
-                                              std::to_string(envNumber("AMBREL_FAULTS_SIZE", 24)),
+                                              std::to_string(envNumber("AMBREL_FAULTS_SIZE", 16)),
                                               "--seed", std::to_string(seed), "--quiet"});
         EXPECT_EQ(gen.exitCode, 0) << gen.err;
         const long big = envNumber("AMBREL_FAULTS_BIG_MB", 0);
@@ -258,8 +259,14 @@ class FaultWorld {
     /// Where every id lies, relative to the scratch folder.
     std::map<std::string, std::string> state() {
         std::map<std::string, std::string> out;
-        for (const auto& [id, paths] : where())
-            if (!paths.empty()) out[id] = paths[0].substr(s.base().size());
+        for (const auto& [id, paths] : where()) {
+            if (paths.empty()) continue;
+            std::string p = paths[0];
+            // The disabled mirror of a home plug-in holds the home's own path.
+            for (std::size_t at; (at = p.find(s.base())) != std::string::npos;)
+                p.replace(at, s.base().size(), "<scratch>");
+            out[id] = p;
+        }
         return out;
     }
 
@@ -309,6 +316,16 @@ bool root() {
     return ::geteuid() == 0;
 }
 
+/// Everything Ambrel logged below the scratch folder (the user's log, or
+/// root's under the system root).
+std::string logs(const ScratchRoot& s) {
+    std::string all;
+    for (auto it = fs::recursive_directory_iterator(s.base()); it != fs::end(it); ++it) {
+        if (it->path().extension() == ".log") all += ScratchRoot::readFile(it->path());
+    }
+    return all;
+}
+
 }  // namespace
 
 TEST(TransferFaultsTest, RandomVerbsKeepEveryPluginExactlyOnce) {
@@ -316,7 +333,7 @@ TEST(TransferFaultsTest, RandomVerbsKeepEveryPluginExactlyOnce) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         FaultWorld w(seed);
         w.check("generated");
-        w.randomSteps(int(envNumber("AMBREL_FAULTS_STEPS", 6)));
+        w.randomSteps(int(envNumber("AMBREL_FAULTS_STEPS", 4)));
     }
 }
 
@@ -328,10 +345,10 @@ TEST(TransferFaultsTest, SecondDisksFullDisksAndAKillHalfWay) {
         // disable, enable and removal copies across.
         FaultWorld w(seed, {kTallowby, "~/.local/share/Trash"});
         if (!w.disksOk) GTEST_SKIP() << "no tmpfs could be mounted here";
-        w.randomSteps(int(envNumber("AMBREL_FAULTS_STEPS", 6)));
+        w.randomSteps(int(envNumber("AMBREL_FAULTS_STEPS", 4)));
 
         // kill -9 mid-way through a batch; the next run settles the rest.
-        const long delayMs = 50 + long(w.rng() % 400);
+        const long delayMs = 300 + long(w.rng() % 800);
         Running batch = start({ChildProcess::builtProgram("ambrel"), "-disable"});
         std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
         ::kill(batch.pid, SIGKILL);
@@ -353,9 +370,11 @@ TEST(TransferFaultsTest, ADiskTooSmallFailsHalfWayAndNothingMoves) {
     ScratchRoot::writeFile(big + "/Contents/MacOS/Huge", std::string(300000, 'h'));
     const std::uint64_t print = fingerprint(big);
     for (const char* verb : {"-disable", "-remove"}) {
-        const ChildProcess r =
-            ChildProcess::run({ChildProcess::builtProgram("ambrel"), verb, "Huge.fxplug"});
-        EXPECT_NE(r.out.find("Huge"), std::string::npos) << r.out;
+        ChildProcess::run({ChildProcess::builtProgram("ambrel"), verb, "Huge.fxplug"});
+        EXPECT_NE(logs(s).find(verb == std::string("-disable")
+                                   ? "Unable to move " + big
+                                   : std::string("Unable to remove plugin Huge.")),
+                  std::string::npos);
         EXPECT_EQ(fingerprint(big), print);
         for (const auto& top : {s.rootPath(kTallowby), s.homePath("/.local/share/Trash")}) {
             for (auto it = fs::recursive_directory_iterator(top); it != fs::end(it); ++it)
@@ -368,15 +387,23 @@ TEST(TransferFaultsTest, AKilledRunRerunEndsAsAnUninterruptedRun) {
     if (!root()) GTEST_SKIP() << "mounting tmpfs file systems needs root";
     const unsigned seed = seeds()[0];
     std::map<std::string, std::string> expected;
+    double runMs = 0;
     {
         FaultWorld w(seed, {kTallowby});
         if (!w.disksOk) GTEST_SKIP() << "no tmpfs could be mounted here";
+        const auto t0 = std::chrono::steady_clock::now();
         w.ambrel({"-disable"});
+        runMs = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0)
+                    .count();
         expected = w.state();
     }
-    for (int round = 0; round < 3; ++round) {
+    int interrupted = 0;
+    const int rounds = int(envNumber("AMBREL_FAULTS_KILLS", 2));
+    std::mt19937 rng(seed);
+    for (int round = 0; round < rounds; ++round) {
         FaultWorld w(seed, {kTallowby});
-        const long delayMs = 30 + long(std::mt19937(seed + round)() % 600);
+        // Somewhere in the second half of the run, where the moves are.
+        const long delayMs = long(runMs * (0.4 + 0.6 * double(rng() % 1000) / 1000.0));
         SCOPED_TRACE("killed after " + std::to_string(delayMs) + " ms");
         Running batch = start({ChildProcess::builtProgram("ambrel"), "-disable"});
         std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
@@ -386,7 +413,10 @@ TEST(TransferFaultsTest, AKilledRunRerunEndsAsAnUninterruptedRun) {
         w.ambrel({"-disable"});
         w.check("after the rerun");
         EXPECT_EQ(w.state(), expected);
+        if (logs(w.s).find("interrupted") != std::string::npos) ++interrupted;
     }
+    std::cout << "[ kills   ] " << rounds << " kills, " << interrupted
+              << " of them inside a transfer (a run takes " << long(runMs) << " ms)\n";
 }
 
 TEST(TransferFaultsTest, ASecondAmbrelAndAConcurrentMv) {
@@ -413,7 +443,7 @@ TEST(TransferFaultsTest, ASecondAmbrelAndAConcurrentMv) {
             std::rename(other.c_str(), victim.c_str());
         }
     });
-    for (int i = 0; i < 3; ++i) {
+    for (int i = 0; i < 2; ++i) {
         w.ambrel({"-disable", fs::path(victim).filename().string()});
         w.ambrel({"-enable", fs::path(victim).filename().string()});
     }
@@ -543,10 +573,7 @@ TEST(TransferFaultsTest, WorkEntriesAreNeverListedAndAreSettledByTheNextRun) {
     EXPECT_EQ(listing.find(".ambrel-work."), std::string::npos) << listing;
     run({"-disable", "Glow.fxplug"});
     EXPECT_FALSE(fs::exists(left));
-    std::ifstream log(s.homePath("/Library/Logs/Quellbrook/Ambrel.task.1.log"));
-    std::stringstream text;
-    text << log.rdbuf();
-    EXPECT_NE(text.str().find("the unfinished copy of an interrupted transfer"), std::string::npos);
+    EXPECT_NE(logs(s).find("the unfinished copy of an interrupted transfer"), std::string::npos);
 }
 
 TEST(TransferFaultsTest, RemovalSkipsLockedPluginsAndSudoTrashesIntoTheUsersOwnTrash) {
