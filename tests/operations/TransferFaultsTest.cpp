@@ -3,7 +3,7 @@
 // second disks, full disks, read-only volumes, immutable files, other users'
 // files, kill -9, a second Ambrel and a concurrent mv, and the invariant
 // checked after every step. scripts/faults runs it larger
-// (AMBREL_FAULTS_SIZE, _STEPS, _SEEDS, _KILLS, _BIG_MB).
+// (AMBREL_FAULTS_SIZE, _STEPS, _SEEDS, _KILLS, _BIG_MB for six bundles, _DISK).
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
@@ -160,7 +160,8 @@ class FaultWorld {
     explicit FaultWorld(unsigned seed, std::vector<std::string> mounts = {}) : rng(seed) {
         for (const auto& m : mounts) {
             const std::string at = m[0] == '~' ? s.homePath(m.substr(1)) : s.rootPath(m);
-            disks.push_back(std::make_unique<Disk>(at, "64m"));
+            const char* size = std::getenv("AMBREL_FAULTS_DISK");
+            disks.push_back(std::make_unique<Disk>(at, size && *size ? size : "64m"));
             disksOk = disksOk && disks.back()->ok();
         }
         ChildProcess gen = ChildProcess::run({ChildProcess::builtProgram("ambrel-gen"), "--root",
@@ -169,9 +170,9 @@ class FaultWorld {
                                               "--seed", std::to_string(seed), "--quiet"});
         EXPECT_EQ(gen.exitCode, 0) << gen.err;
         const long big = envNumber("AMBREL_FAULTS_BIG_MB", 0);
-        int n = 0;
+        int n = 0, bigOnes = 0;
         for (const auto& path : listed()) {
-            if (big > 0 && fs::is_directory(path) && n % 7 == 0)
+            if (big > 0 && fs::is_directory(path) && n % 7 == 0 && bigOnes++ < 6)
                 ScratchRoot::writeFile(path + "/Contents/Resources/Big.bin",
                                        std::string(std::size_t(big) << 20, char('a' + n % 26)));
             tag(path, std::to_string(++n));
