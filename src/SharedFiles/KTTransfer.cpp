@@ -166,6 +166,18 @@ std::int32_t privileged(const char* tool, const std::vector<std::string>& argume
     return KTAuthorization::sharedController()->authExecTask(tool, arguments, false);
 }
 
+/// A first privileged step that did not run: no right (the user refused or
+/// nobody could be asked), or a tool the helper would not run.
+KTTransfer::Outcome notRun(std::int32_t status, const std::string& tool, std::string* error) {
+    if (status == -1) {
+        setError(error, "User cancelled authorization.");
+        return KTTransfer::Outcome::Refused;
+    }
+    setError(error, KTFormat::str("The administrator tool %@ did not run (status %i)", tool,
+                                  static_cast<int>(status)));
+    return KTTransfer::Outcome::Failed;
+}
+
 }  // namespace
 
 KTTransfer& KTTransfer::shared() {
@@ -347,10 +359,8 @@ KTTransfer::Outcome KTTransfer::authMoveItem(const std::string& from, const std:
     if (!sameFileSystem(from, parentOf(to))) return authMoveAcross(from, to, error);
 
     // One rename through the tool; "-n" keeps it from replacing anything.
-    if (privileged("/bin/mv", {"-n", "-T", from, to}) != 0) {
-        setError(error, "User cancelled authorization.");
-        return Outcome::Refused;
-    }
+    if (const auto status = privileged("/bin/mv", {"-n", "-T", from, to}))
+        return notRun(status, "/bin/mv", error);
     const bool sourceGone = !exists(from), arrived = exists(to);
     if (sourceGone && arrived) return Outcome::Done;
     if (!sourceGone && arrived && KTFileTree::sameTree(from, to)) {
@@ -382,10 +392,9 @@ KTTransfer::Outcome KTTransfer::authMoveAcross(const std::string& from, const st
         setError(error, text);
         return Outcome::Failed;
     };
-    if (privileged("/bin/cp", {"-a", "-T", from, n.copy}) != 0) {
+    if (const auto status = privileged("/bin/cp", {"-a", "-T", from, n.copy})) {
         dropNotes();
-        setError(error, "User cancelled authorization.");
-        return Outcome::Refused;
+        return notRun(status, "/bin/cp", error);
     }
     step("copied");
     if (!KTFileTree::sameTree(from, n.copy))
@@ -432,10 +441,8 @@ KTTransfer::Outcome KTTransfer::authCopyItem(const std::string& sourcePath, cons
         return Outcome::Failed;
     }
     const Names n = workNames(source, to);
-    if (privileged("/bin/cp", {"-a", "-T", source, n.copy}) != 0) {
-        setError(error, "User cancelled authorization.");
-        return Outcome::Refused;
-    }
+    if (const auto status = privileged("/bin/cp", {"-a", "-T", source, n.copy}))
+        return notRun(status, "/bin/cp", error);
     auto fail = [&](const std::string& text) {
         if (exists(n.copy)) privileged("/bin/rm", {"-Rf", n.copy});
         setError(error, text);

@@ -263,3 +263,32 @@ TEST_F(KTTransferTest, InstallingALinkCopiesWhatItNamesAndRefusesALinkToNothing)
     EXPECT_FALSE(exists(s.base() + "/kind/Dangling.fxplug"));
     EXPECT_TRUE(workEntries(s.base() + "/kind").empty());
 }
+
+TEST_F(KTTransferTest, ThePrivilegedMoveIsJudgedByTheSameRule) {
+    if (!otherDisk()) GTEST_SKIP() << "mounting a tmpfs and running the tools as root need root";
+    // As root the tools run directly: the steps and the judgement are the same.
+    const std::string b = makeBundle(here(), "Glow.fxplug");
+    KTTransfer t;
+    std::string error;
+    ASSERT_EQ(t.authMoveItem(b, there() + "/Glow.fxplug", &error), KTTransfer::Outcome::Done)
+        << error;
+    EXPECT_FALSE(exists(b));
+    EXPECT_EQ(attribute(there() + "/Glow.fxplug", "user.com.apple.FinderInfo").substr(0, 4),
+              "FCSC");
+
+    // From a read-only volume the tool can copy but never remove: the copy
+    // it made is taken away again and the move fails.
+    const std::string ro = s.base() + "/ro";
+    const std::string c = makeBundle(ro, "Echo.component");
+    ASSERT_EQ(::mount(ro.c_str(), ro.c_str(), nullptr, MS_BIND, nullptr), 0);
+    struct Unmount {
+        std::string p;
+        ~Unmount() { ::umount2(p.c_str(), MNT_DETACH); }
+    } unmount{ro};
+    ASSERT_EQ(::mount(nullptr, ro.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
+    EXPECT_EQ(t.authMoveItem(c, there() + "/Echo.component", &error), KTTransfer::Outcome::Failed);
+    EXPECT_NE(error.find("Echo.component"), std::string::npos) << error;
+    EXPECT_TRUE(exists(c + "/Contents/MacOS/Glow"));
+    EXPECT_FALSE(exists(there() + "/Echo.component"));
+    EXPECT_TRUE(workEntries(there()).empty());
+}
