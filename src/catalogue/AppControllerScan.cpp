@@ -15,6 +15,7 @@
 #include "SharedFiles/KTMainThread.h"
 #include "SharedFiles/KTOperationQueue.h"
 #include "SharedFiles/KTPreferences.h"
+#include "SharedFiles/KTTransfer.h"
 #include "SharedFiles/KTUserInterface.h"
 #include "app/core/AppController.h"
 #include "catalogue/KTFilePackage.h"
@@ -48,18 +49,32 @@ std::string join(const std::string& folder, const std::string& name) {
 
 /// The names in a folder in the order the file system lists them; nothing
 /// with the error text when it cannot be read.
-std::optional<std::vector<std::string>> listFolder(const std::string& folder, std::string& error) {
+std::optional<std::vector<std::string>> listFolder(const std::string& folder, std::string& error,
+                                                   bool settled = false) {
     DIR* dir = ::opendir(folder.c_str());
     if (!dir) {
         error = std::strerror(errno);
         return std::nullopt;
     }
     std::vector<std::string> names;
+    bool leftovers = false;
     while (struct dirent* e = ::readdir(dir)) {
         if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
+        // A transfer's work entry (a copy being made, an original being
+        // removed) is never a plug-in, whatever it holds.
+        if (KTTransfer::isWorkName(e->d_name)) {
+            leftovers = true;
+            continue;
+        }
         names.emplace_back(e->d_name);
     }
     ::closedir(dir);
+    if (leftovers && !settled) {
+        // What a killed run left here is settled first (a live run's work is
+        // left alone), so that a plug-in put back is listed too.
+        KTTransfer::shared().recoverFolder(folder);
+        return listFolder(folder, error, true);
+    }
     return names;
 }
 
