@@ -243,7 +243,19 @@ std::int32_t KTAuthorization::authExecTask(const std::string& tool,
     if (!isAuthorized()) authStart();
     auto helper = authRef();
     if (!helper || !helper->isAlive()) return -1;
-    return helper->run(tool, arguments, !async);
+    const std::int32_t status = helper->run(tool, arguments, !async);
+    if (status == kStatusRefused || status == kStatusFailed) {
+        // A failed privileged step names its tool and paths in the log.
+        std::string line = tool;
+        for (const auto& a : arguments) line += " " + a;
+        const std::string text =
+            KTFormat::str(status == kStatusRefused ? "Privileged step refused: %@"
+                                                   : "Privileged step failed: %@",
+                          line);
+        console("%@", text);
+        KTLog::appendLog(text);
+    }
+    return status;
 }
 
 bool KTAuthorization::authMoveFile(const std::string& oldPath, const std::string& newPath) {
@@ -260,11 +272,12 @@ bool KTAuthorization::authMoveFile(const std::string& oldPath, const std::string
         return false;
     }
     if (!exists(oldPath)) return false;
+    // -T: a folder or a link already at the new path is never moved into.
     if (runningAsRoot()) {
-        KTTaskEx::runTaskAndReturn("/bin/mv", {"-f", oldPath, newPath});
+        KTTaskEx::runTaskAndReturn("/bin/mv", {"-f", "-T", oldPath, newPath});
         return true;
     }
-    return authExecTask("/bin/mv", {"-f", oldPath, newPath}) == 0;
+    return authExecTask("/bin/mv", {"-f", "-T", oldPath, newPath}) == 0;
 }
 
 bool KTAuthorization::authCopyFile(const std::string& oldPath, const std::string& newPath) {
@@ -278,10 +291,10 @@ bool KTAuthorization::authCopyFile(const std::string& oldPath, const std::string
     }
     if (!exists(oldPath)) return false;
     if (runningAsRoot()) {
-        KTTaskEx::runTaskAndReturn("/bin/cp", {"-f", "-p", "-R", oldPath, newPath});
+        KTTaskEx::runTaskAndReturn("/bin/cp", {"-f", "-p", "-R", "-T", oldPath, newPath});
         return true;
     }
-    return authExecTask("/bin/cp", {"-f", "-p", "-R", oldPath, newPath}) == 0;
+    return authExecTask("/bin/cp", {"-f", "-p", "-R", "-T", oldPath, newPath}) == 0;
 }
 
 bool KTAuthorization::authCreateDir(const std::string& path) {

@@ -34,6 +34,9 @@ class KTAuthorization {
     /// The helper was reached but would not run the request (tool or
     /// arguments outside its list), or the helper went away mid-request.
     static constexpr std::int32_t kStatusRefused = -60031;
+    /// The helper took the step and it failed (nothing there, disk full...);
+    /// what it had begun is undone.
+    static constexpr std::int32_t kStatusFailed = -60032;
 
     /// The shared instance, created on first call with or without a user
     /// interface; later calls answer the same instance whatever the flag.

@@ -86,7 +86,7 @@ bool KTInstallCopier::authCopyItem(const std::string& source, const std::string&
     KTAuthorization* auth = KTAuthorization::sharedController();
     const std::string staging = stagingPathFor(destination);
     // Waited for, so that the check below sees the tool's whole work.
-    if (auth->authExecTask("/bin/cp", {"-f", "-p", "-R", source, staging}, false) != 0) {
+    if (auth->authExecTask("/bin/cp", {"-f", "-p", "-R", "-T", source, staging}, false) != 0) {
         setError(error, "User cancelled authorization.");
         return false;
     }
@@ -98,7 +98,7 @@ bool KTInstallCopier::authCopyItem(const std::string& source, const std::string&
     }
     // "mv" into an existing folder would move the copy inside it: look again.
     if (KTFileTree::existsNoFollow(destination) ||
-        auth->authExecTask("/bin/mv", {"-f", staging, destination}, false) != 0) {
+        auth->authExecTask("/bin/mv", {"-f", "-T", staging, destination}, false) != 0) {
         auth->authExecTask("/bin/rm", {"-Rdf", staging}, false);
         setError(error, KTFormat::str("Unable to move the copy into place at %@", destination));
         return false;
