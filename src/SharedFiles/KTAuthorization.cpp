@@ -248,10 +248,9 @@ std::int32_t KTAuthorization::authExecTask(const std::string& tool,
         // A failed privileged step names its tool and paths in the log.
         std::string line = tool;
         for (const auto& a : arguments) line += " " + a;
-        const std::string text =
-            KTFormat::str(status == kStatusRefused ? "Privileged step refused: %@"
-                                                   : "Privileged step failed: %@",
-                          line);
+        const std::string text = KTFormat::str(
+            status == kStatusRefused ? "Privileged step refused: %@" : "Privileged step failed: %@",
+            line);
         console("%@", text);
         KTLog::appendLog(text);
     }

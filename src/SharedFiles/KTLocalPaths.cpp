@@ -295,14 +295,14 @@ bool KTLocalPaths::isRealSystemFolder(const std::string& input) {
     const std::optional<std::string> path = normalisedPath(input);
     if (!path || *path == "/") return true;
     // Whole trees of the system and of the superuser.
-    static const char* const trees[] = {"/etc",  "/usr",  "/bin",   "/sbin",   "/lib", "/lib32",
-                                        "/lib64", "/libx32", "/boot", "/dev",   "/proc", "/sys",
-                                        "/run",  "/var",  "/root", "/private", "/System", "/snap"};
+    static const char* const trees[] = {
+        "/etc", "/usr",  "/bin", "/sbin", "/lib", "/lib32", "/lib64",   "/libx32", "/boot",
+        "/dev", "/proc", "/sys", "/run",  "/var", "/root",  "/private", "/System", "/snap"};
     for (const char* t : trees) {
         if (*path == t || startsWith(*path, std::string(t) + "/")) return true;
     }
     // Shared top-level folders: protected themselves, usable beneath.
-    static const char* const tops[] = {"/home", "/opt", "/srv", "/tmp",
+    static const char* const tops[] = {"/home", "/opt",   "/srv",   "/tmp",
                                        "/mnt",  "/media", "/Users", "/Volumes"};
     for (const char* t : tops) {
         if (*path == t) return true;

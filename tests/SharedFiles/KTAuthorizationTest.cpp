@@ -12,10 +12,10 @@
 #include <regex>
 #include <thread>
 
+#include "KTHelperWorld.h"
 #include "SharedFiles/KTTaskEx.h"
 #include "SharedFiles/linux/KTHelperPolicy.h"
 #include "SharedFiles/linux/KTPrivilegedHelper.h"
-#include "KTHelperWorld.h"
 #include "support/ScratchRoot.h"
 
 namespace fs = std::filesystem;

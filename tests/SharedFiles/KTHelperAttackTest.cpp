@@ -279,9 +279,9 @@ TEST(KTHelperAttackChild, DISABLED_Requests) {
     command.push_back(KTPrivilegedHelper::helperPath());
     auto foreign = KTPrivilegedHelper::start(command);
     ASSERT_TRUE(foreign);
-    EXPECT_EQ(ask(*foreign, {"/bin/mv", "-f", "-T",
-                             l.otherHome + "/Library/Audio/Plug-Ins/VST/Theirs.vst",
-                             l.trash + "/Theirs.vst"}),
+    EXPECT_EQ(ask(*foreign,
+                  {"/bin/mv", "-f", "-T", l.otherHome + "/Library/Audio/Plug-Ins/VST/Theirs.vst",
+                   l.trash + "/Theirs.vst"}),
               kRefused);
     setenv("AMBREL_ROOT", "/etc", 1);
     auto system = KTPrivilegedHelper::start(command);
@@ -448,8 +448,8 @@ TEST(KTHelperAttackChild, DISABLED_HoldChannel) {
     auto helper = elevate();
     ASSERT_TRUE(helper);
     // A child of the program holds no socket: the channel stayed behind.
-    std::string fds = KTTaskEx::dataFromTask("/bin/sh", {"-c", "ls -l /proc/self/fd/"})
-                          .value_or("(no output)");
+    std::string fds =
+        KTTaskEx::dataFromTask("/bin/sh", {"-c", "ls -l /proc/self/fd/"}).value_or("(no output)");
     EXPECT_EQ(fds.find("socket:"), std::string::npos) << fds;
     ScratchRoot::writeFile(l.home + "/victim.pid", std::to_string(getpid()));
     for (int i = 0; i < 1200 && !exists(l.home + "/done"); ++i)
@@ -505,19 +505,21 @@ TEST(KTHelperAttackChild, DISABLED_Operations) {
     EXPECT_EQ(ScratchRoot::readFile(l.trash + "/Old.vst"), "old");
     const std::string mountTrash = l.vst3 + "/.Trash-" + std::to_string(getuid()) + "/files";
     EXPECT_TRUE(auth->authCreateDir(mountTrash));
+    ASSERT_EQ(stat(mountTrash.c_str(), &st), 0);
+    EXPECT_EQ(st.st_uid, getuid());  // the user's Trash stays the user's
     EXPECT_TRUE(auth->authMoveFile(l.vst3 + "/Deep.vst", mountTrash + "/Deep.vst"));
     EXPECT_TRUE(exists(mountTrash + "/Deep.vst/Contents/Info.plist"));
 
     // A privileged install, through the transfer's own names.
     std::string error;
-    EXPECT_TRUE(KTInstallCopier::shared().authCopyItem(l.userVst + "/New.vst", l.vst + "/New.vst",
-                                                       &error))
+    EXPECT_TRUE(
+        KTInstallCopier::shared().authCopyItem(l.userVst + "/New.vst", l.vst + "/New.vst", &error))
         << error;
     EXPECT_EQ(ScratchRoot::readFile(l.vst + "/New.vst"), "new");
     const std::string work = l.vst + "/.ambrel-work.1.1.copy";
-    EXPECT_EQ(auth->authExecTask("/bin/cp", {"-f", "-p", "-R", "-T", l.vst + "/New.vst", work},
-                                 false),
-              0);
+    EXPECT_EQ(
+        auth->authExecTask("/bin/cp", {"-f", "-p", "-R", "-T", l.vst + "/New.vst", work}, false),
+        0);
     EXPECT_EQ(auth->authExecTask("/bin/rm", {"-Rdf", work}, false), 0);
     EXPECT_FALSE(exists(work));
     // The clean-up of an emptied folder.

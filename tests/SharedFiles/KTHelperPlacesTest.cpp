@@ -10,7 +10,9 @@
 namespace {
 
 TEST(KTHelperPathsTest, NormalisingRefusesWhatOnlyTheDiskCouldAnswer) {
-    auto n = [](const std::string& p) { return KTLocalPaths::normalisedPath(p).value_or("(none)"); };
+    auto n = [](const std::string& p) {
+        return KTLocalPaths::normalisedPath(p).value_or("(none)");
+    };
     EXPECT_EQ(n("//etc"), "/etc");
     EXPECT_EQ(n("/./etc/"), "/etc");
     EXPECT_EQ(n("/a//b/./c///"), "/a/b/c");
@@ -86,7 +88,8 @@ TEST(KTHelperPlacesTest, ServesThePluginPlacesOfBothScopesAndTheUsersTrash) {
     EXPECT_TRUE(places.mayMakeFolder("/srv/scratch/Library/Audio/Plug-Ins/VST"));
     EXPECT_FALSE(places.mayMakeFolder("/srv/scratch/Library/Other"));
     // Owners and modes only in the program's own folder.
-    EXPECT_TRUE(places.isProgramFolder("/srv/scratch/Library/Application Support/Quellbrook/Tallowby"));
+    EXPECT_TRUE(
+        places.isProgramFolder("/srv/scratch/Library/Application Support/Quellbrook/Tallowby"));
     EXPECT_FALSE(places.isProgramFolder("/srv/scratch/Library/Audio/Plug-Ins/VST/A.vst"));
 }
 

@@ -133,22 +133,22 @@ class KTHelperWorld {
             "{ [ \"$3\" = - ] || mount -t tmpfs -o mode=0755 ambrel-test \"$3\"; } && "
             "shift 3 && exec \"$@\"";
         std::vector<std::string> args = {"--mount",
-                                          "--propagation",
-                                          "private",
-                                          "/bin/sh",
-                                          "-c",
-                                          script,
-                                          "sh",
-                                          passwdCopy,
-                                          sudoers,
-                                          tmpfsAt,
-                                          "/usr/bin/setpriv",
-                                          "--reuid=nobody",
-                                          "--regid=nogroup",
-                                          "--clear-groups",
-                                          selfPath(),
-                                          "--gtest_also_run_disabled_tests",
-                                          "--gtest_filter=" + suite + ".DISABLED_" + scenario};
+                                         "--propagation",
+                                         "private",
+                                         "/bin/sh",
+                                         "-c",
+                                         script,
+                                         "sh",
+                                         passwdCopy,
+                                         sudoers,
+                                         tmpfsAt,
+                                         "/usr/bin/setpriv",
+                                         "--reuid=nobody",
+                                         "--regid=nogroup",
+                                         "--clear-groups",
+                                         selfPath(),
+                                         "--gtest_also_run_disabled_tests",
+                                         "--gtest_filter=" + suite + ".DISABLED_" + scenario};
         return args;
     }
 

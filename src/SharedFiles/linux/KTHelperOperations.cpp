@@ -63,8 +63,12 @@ class ActingAs {
     bool active_;
 };
 
-Result ok() { return {}; }
-Result refused(const std::string& why) { return {KTAuthorization::kStatusRefused, why}; }
+Result ok() {
+    return {};
+}
+Result refused(const std::string& why) {
+    return {KTAuthorization::kStatusRefused, why};
+}
 Result failed(const std::string& what, const std::string& path, int err = errno) {
     return {KTAuthorization::kStatusFailed, what + " " + path + ": " + std::strerror(err)};
 }
@@ -74,7 +78,9 @@ std::string parentOf(const std::string& path) {
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-std::string nameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+std::string nameOf(const std::string& path) {
+    return path.substr(path.rfind('/') + 1);
+}
 
 std::string joined(const std::string& folder, const std::string& name) {
     return folder == "/" ? "/" + name : folder + "/" + name;
@@ -125,7 +131,8 @@ bool removeTree(int dirFd, const std::string& name, std::string* why) {
         return true;
     }
     bool all = true;
-    for (const auto& entry : entriesOf(folder.get())) all = removeTree(folder.get(), entry, why) && all;
+    for (const auto& entry : entriesOf(folder.get()))
+        all = removeTree(folder.get(), entry, why) && all;
     if (!all) return false;
     if (unlinkat(dirFd, name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) {
         *why = std::strerror(errno);
@@ -240,7 +247,8 @@ bool applyOwnerOrMode(int fd, const struct stat& st, const KTHelperStep& step, u
     // A file with a second name may be a system file linked in: leave it.
     if (!S_ISDIR(st.st_mode) && st.st_nlink > 1) return true;
     if (!S_ISDIR(st.st_mode) && !S_ISREG(st.st_mode)) return true;
-    if (step.kind == Kind::Chown) return fchownat(fd, "", uid, static_cast<gid_t>(-1), AT_EMPTY_PATH) == 0;
+    if (step.kind == Kind::Chown)
+        return fchownat(fd, "", uid, static_cast<gid_t>(-1), AT_EMPTY_PATH) == 0;
     mode_t mode = (st.st_mode & 07777) | 0666;
     if (S_ISREG(st.st_mode)) mode &= ~static_cast<mode_t>(S_ISUID | S_ISGID);
     const std::string self = "/proc/self/fd/" + std::to_string(fd);
@@ -317,7 +325,8 @@ KTHelperOperations::Result KTHelperOperations::perform(const KTHelperStep& step)
             return copy(step);
         case Kind::Remove:
             for (const auto& p : step.paths) {
-                if (!places_.isInside(p)) return refused("path " + p + " is outside the plug-in places");
+                if (!places_.isInside(p))
+                    return refused("path " + p + " is outside the plug-in places");
             }
             for (const auto& p : step.paths) {
                 Result r = remove(step, p);
@@ -348,7 +357,8 @@ KTHelperOperations::Result KTHelperOperations::perform(const KTHelperStep& step)
 }
 
 KTHelperOperations::Result KTHelperOperations::makeDirectory(const std::string& path) {
-    if (!places_.mayMakeFolder(path)) return refused("path " + path + " is outside the plug-in places");
+    if (!places_.mayMakeFolder(path))
+        return refused("path " + path + " is outside the plug-in places");
     Fd fd(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
     size_t start = 1;
     while (fd && start < path.size()) {
@@ -357,10 +367,23 @@ KTHelperOperations::Result KTHelperOperations::makeDirectory(const std::string& 
         const std::string part = path.substr(start, end - start);
         const std::string sofar = path.substr(0, end);
         int next = openat(fd.get(), part.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        bool made = false;
         if (next < 0 && errno == ENOENT) {
-            if (mkdirat(fd.get(), part.c_str(), 0755) != 0 && errno != EEXIST)
-                return failed("unable to make", sofar);
+            if (mkdirat(fd.get(), part.c_str(), places_.belongsToUser(sofar) ? 0700 : 0755) != 0) {
+                if (errno != EEXIST) return failed("unable to make", sofar);
+            } else {
+                made = true;
+            }
             next = openat(fd.get(), part.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        }
+        // The user's own folders stay the user's (a Trash made by root
+        // would be one the user cannot empty).
+        if (next >= 0 && made && places_.belongsToUser(sofar)) {
+            if (fchownat(next, "", uid_, gid_, AT_EMPTY_PATH) != 0) {
+                close(next);
+                return failed("unable to give", sofar);
+            }
+            chmod(("/proc/self/fd/" + std::to_string(next)).c_str(), 0755);
         }
         if (next < 0) return notReached(sofar);
         struct stat st;
@@ -377,7 +400,8 @@ KTHelperOperations::Result KTHelperOperations::makeDirectory(const std::string& 
 KTHelperOperations::Result KTHelperOperations::move(const KTHelperStep& step) {
     const std::string& source = step.paths[0];
     std::string destination = step.paths[1];
-    if (!places_.isInside(source)) return refused("path " + source + " is outside the plug-in places");
+    if (!places_.isInside(source))
+        return refused("path " + source + " is outside the plug-in places");
     if (step.intoExistingFolder) {
         Fd into(openFolder(destination));
         if (into) destination = joined(destination, nameOf(source));
@@ -399,8 +423,8 @@ KTHelperOperations::Result KTHelperOperations::move(const KTHelperStep& step) {
 
     // Another file system: a whole copy under a work name first, then into
     // place, and only then the original goes.
-    const std::string work = ".ambrel-work." + std::to_string(getpid()) + "." +
-                             std::to_string(++workCounter_) + ".copy";
+    const std::string work =
+        ".ambrel-work." + std::to_string(getpid()) + "." + std::to_string(++workCounter_) + ".copy";
     std::string why;
     if (!copyTree(from.get(), name, to.get(), work, 0, 0, &why)) {
         std::string ignored;
@@ -437,8 +461,8 @@ KTHelperOperations::Result KTHelperOperations::copy(const KTHelperStep& step) {
     if (!from) return notReached(parentOf(source));
     Fd to(openFolder(parentOf(destination)));
     if (!to) return notReached(parentOf(destination));
-    const std::string work = ".ambrel-work." + std::to_string(getpid()) + "." +
-                             std::to_string(++workCounter_) + ".copy";
+    const std::string work =
+        ".ambrel-work." + std::to_string(getpid()) + "." + std::to_string(++workCounter_) + ".copy";
     std::string why;
     if (!copyTree(from.get(), nameOf(source), to.get(), work, uid_, gid_, &why)) {
         std::string ignored;

@@ -22,32 +22,29 @@ std::string join(const std::string& root, const std::string& rest) {
 /// table keeps, every Adobe version).
 std::vector<std::string> kindFolders(const std::string& root, bool user) {
     std::vector<std::string> f = {
-        "/Library/Plug-Ins/FxPlug",
-        "/Library/Audio/Plug-Ins/Components",
-        "/Library/Audio/Plug-Ins/VST",
-        "/Library/Audio/Plug-Ins/VST2",
-        "/Library/Audio/Plug-Ins/VST3",
-        "/Library/Graphics/Quartz Composer Plug-Ins",
+        "/Library/Plug-Ins/FxPlug",     "/Library/Audio/Plug-Ins/Components",
+        "/Library/Audio/Plug-Ins/VST",  "/Library/Audio/Plug-Ins/VST2",
+        "/Library/Audio/Plug-Ins/VST3", "/Library/Graphics/Quartz Composer Plug-Ins",
     };
     if (user) {
         f.insert(f.end(), {"/Library/Preferences/Final Cut Pro User Data/Plugins",
                            "/Library/Preferences/Final Cut Express User Data/Plugins",
                            "/Movies/Motion Templates.localized"});
     } else {
-        f.insert(f.end(), {"/Library/Application Support/Final Cut Pro System Support/Plugins",
-                           "/Library/Application Support/Final Cut Express System Support/Plugins",
-                           "/Library/Application Support/Final Cut Pro/Templates.localized",
-                           "/Library/Application Support/Adobe/Common/Plug-ins",
-                           "/Library/Application SupportAvid/AVX2_Plug-ins",
-                           "/Library/Application SupportDigidesign/Plug-Ins",
-                           "/Library/OFX/Plugins"});
+        f.insert(f.end(),
+                 {"/Library/Application Support/Final Cut Pro System Support/Plugins",
+                  "/Library/Application Support/Final Cut Express System Support/Plugins",
+                  "/Library/Application Support/Final Cut Pro/Templates.localized",
+                  "/Library/Application Support/Adobe/Common/Plug-ins",
+                  "/Library/Application SupportAvid/AVX2_Plug-ins",
+                  "/Library/Application SupportDigidesign/Plug-Ins", "/Library/OFX/Plugins"});
     }
     // Kinds that the items place under either scope's root.
-    f.insert(f.end(), {"/Applications/Avid Symphony/SupportingFiles/AVX_Plug-Ins",
-                       "/Applications/Avid Media Composer/SupportingFiles/AVX_Plug-Ins",
-                       "/Library/Application Support/Avid/AVX2_Plug-ins",
-                       "/Library/Application Support/Digidesign/Plug-Ins",
-                       "/Library/OpenFX/Plugins"});
+    f.insert(f.end(),
+             {"/Applications/Avid Symphony/SupportingFiles/AVX_Plug-Ins",
+              "/Applications/Avid Media Composer/SupportingFiles/AVX_Plug-Ins",
+              "/Library/Application Support/Avid/AVX2_Plug-ins",
+              "/Library/Application Support/Digidesign/Plug-Ins", "/Library/OpenFX/Plugins"});
     for (auto& p : f) p = join(root, p);
     return f;
 }
@@ -56,10 +53,10 @@ std::vector<std::string> kindFolders(const std::string& root, bool user) {
 std::string unescape(const std::string& s) {
     std::string out;
     for (size_t i = 0; i < s.size(); ++i) {
-        if (s[i] == '\\' && i + 3 < s.size() && s[i + 1] >= '0' &&
-            s[i + 1] <= '3' && s[i + 2] >= '0' && s[i + 2] <= '7' && s[i + 3] >= '0' &&
-            s[i + 3] <= '7') {
-            out += static_cast<char>((s[i + 1] - '0') * 64 + (s[i + 2] - '0') * 8 + (s[i + 3] - '0'));
+        if (s[i] == '\\' && i + 3 < s.size() && s[i + 1] >= '0' && s[i + 1] <= '3' &&
+            s[i + 2] >= '0' && s[i + 2] <= '7' && s[i + 3] >= '0' && s[i + 3] <= '7') {
+            out +=
+                static_cast<char>((s[i + 1] - '0') * 64 + (s[i + 2] - '0') * 8 + (s[i + 3] - '0'));
             i += 3;
         } else {
             out += s[i];
@@ -82,6 +79,7 @@ KTHelperPlaces::KTHelperPlaces(const std::optional<std::string>& systemRoot, uid
     // A home that is a system folder or lies in one (daemons' accounts) gives nothing.
     auto normalHome = KTLocalPaths::normalisedPath(home);
     if (normalHome && !KTLocalPaths::isRealSystemFolder(*normalHome)) {
+        home_ = *normalHome;
         for (auto& p : kindFolders(*normalHome, true)) places_.push_back({p, Role::PluginFolder});
         places_.push_back({*normalHome + "/.local/share/Trash", Role::Trash});
     }
@@ -111,7 +109,8 @@ std::vector<std::string> KTHelperPlaces::mountPointsFrom(const std::string& moun
     while (std::getline(lines, line)) {
         std::istringstream fields(line);
         std::string id, parent, devices, rootField, point;
-        if (fields >> id >> parent >> devices >> rootField >> point) points.push_back(unescape(point));
+        if (fields >> id >> parent >> devices >> rootField >> point)
+            points.push_back(unescape(point));
     }
     return points;
 }
@@ -140,6 +139,14 @@ bool KTHelperPlaces::mayMakeFolder(const std::string& path) const {
 bool KTHelperPlaces::isProgramFolder(const std::string& path) const {
     for (const auto& p : places_) {
         if (p.role == Role::ProgramFolder && (path == p.path || beneath(path, p.path))) return true;
+    }
+    return false;
+}
+
+bool KTHelperPlaces::belongsToUser(const std::string& path) const {
+    if (!home_.empty() && beneath(path, home_)) return true;
+    for (const auto& p : places_) {
+        if (p.role == Role::Trash && (path == p.path || beneath(path, p.path))) return true;
     }
     return false;
 }

@@ -40,9 +40,13 @@ class KTHelperPlaces {
     bool mayMakeFolder(const std::string& path) const;
     /// The permission repair's folder or beneath: what chown and chmod may touch.
     bool isProgramFolder(const std::string& path) const;
+    /// Beneath the user's home or in the user's Trash: a folder the helper
+    /// makes there is given to the user, as if the user had made it.
+    bool belongsToUser(const std::string& path) const;
 
     const std::vector<Place>& places() const { return places_; }
 
   private:
     std::vector<Place> places_;
+    std::string home_;
 };

@@ -80,7 +80,8 @@ std::variant<KTHelperStep, std::string> KTHelperPolicy::parse(
         ++i;
     }
     const size_t count = fields.size() - i;
-    if (count < rule->minPaths || count > rule->maxPaths) return std::string("wrong number of paths");
+    if (count < rule->minPaths || count > rule->maxPaths)
+        return std::string("wrong number of paths");
     for (size_t k = i; k < fields.size(); ++k) {
         const std::string& p = fields[k];
         if (p[0] != '/') return "path " + p + " is not absolute";

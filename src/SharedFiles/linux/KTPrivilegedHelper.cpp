@@ -49,7 +49,8 @@ void holdUndumpable() {
 
 void releaseUndumpable() {
     std::lock_guard<std::mutex> guard(gDumpableLock);
-    if (--gHelpersHeld == 0 && gDumpableBefore > 0) prctl(PR_SET_DUMPABLE, gDumpableBefore, 0, 0, 0);
+    if (--gHelpersHeld == 0 && gDumpableBefore > 0)
+        prctl(PR_SET_DUMPABLE, gDumpableBefore, 0, 0, 0);
 }
 
 }  // namespace
