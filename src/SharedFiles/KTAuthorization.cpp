@@ -28,6 +28,14 @@ void console(std::string_view format, const A&... args) {
     std::fflush(stderr);
 }
 
+/// The guard (exact match) on the path as given and as normalised, so that
+/// "//usr" or "/./bin" is the folder it names.
+bool isSystemFolder(const std::string& path) {
+    if (KTLocalPaths::isPathSystemDirectory(path, true)) return true;
+    const std::optional<std::string> normal = KTLocalPaths::normalisedPath(path);
+    return normal && *normal != path && KTLocalPaths::isPathSystemDirectory(*normal, true);
+}
+
 bool exists(const std::string& path) {
     struct stat st;
     return lstat(path.c_str(), &st) == 0;
@@ -266,7 +274,7 @@ bool KTAuthorization::authMoveFile(const std::string& oldPath, const std::string
         console("Error in authMoveFile: new path is null");
         return false;
     }
-    if (KTLocalPaths::isPathSystemDirectory(oldPath, true)) {
+    if (isSystemFolder(oldPath)) {
         console("Unable to move path %@ because it is a system directory.", oldPath);
         return false;
     }
@@ -308,7 +316,7 @@ bool KTAuthorization::authCreateDir(const std::string& path) {
 }
 
 bool KTAuthorization::authRemoveFile(const std::string& path) {
-    if (KTLocalPaths::isPathSystemDirectory(path, true)) {
+    if (isSystemFolder(path)) {
         console("Unable to delete path %@ because it is a system directory.", path);
         return false;
     }
@@ -316,7 +324,7 @@ bool KTAuthorization::authRemoveFile(const std::string& path) {
 }
 
 bool KTAuthorization::authTrashFile(const std::string& path, bool deleteOnRootAccount) {
-    if (KTLocalPaths::isPathSystemDirectory(path, true)) {
+    if (isSystemFolder(path)) {
         console("Unable to trash path %@ because it is a system directory.", path);
         return false;
     }
@@ -366,7 +374,7 @@ bool KTAuthorization::authTrashFile(const std::string& path, bool deleteOnRootAc
 }
 
 bool KTAuthorization::authTrashFolderContents(const std::string& folder, bool deleteOnRootAccount) {
-    if (KTLocalPaths::isPathSystemDirectory(folder, true)) {
+    if (isSystemFolder(folder)) {
         console("Unable to trash folder contents of path %@ because it is a system directory.",
                 folder);
         return false;
@@ -386,7 +394,7 @@ bool KTAuthorization::authTrashFolderContents(const std::string& folder, bool de
 }
 
 bool KTAuthorization::authMoveFolderContents(const std::string& from, const std::string& to) {
-    if (KTLocalPaths::isPathSystemDirectory(from, true)) {
+    if (isSystemFolder(from)) {
         console("Unable to move contents of path %@ because it is a system directory.", from);
         return false;
     }

@@ -231,8 +231,9 @@ bool KTLocalPaths::isPathSystemDirectory(const std::string& input, bool exactMat
     if (path.back() == '/') path.resize(path.size() - 2);
 
     // The real system folders of this machine, whatever the system root.
-    static const char* const linuxSystem[] = {"/usr", "/bin",  "/sbin", "/lib",  "/lib64", "/etc",
-                                              "/var", "/boot", "/dev",  "/proc", "/sys",   "/run"};
+    static const char* const linuxSystem[] = {
+        "/usr", "/bin", "/sbin", "/lib",  "/lib64", "/etc", "/var", "/boot", "/dev",  "/proc",
+        "/sys", "/run", "/root", "/home", "/opt",   "/srv", "/tmp", "/mnt",  "/media"};
     for (const char* s : linuxSystem) {
         if (path == s) return true;
     }

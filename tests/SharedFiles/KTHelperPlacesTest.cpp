@@ -31,6 +31,10 @@ TEST(KTHelperPathsTest, TheMachinesSystemFoldersHoweverSpelled) {
         EXPECT_TRUE(KTLocalPaths::isRealSystemFolder(p)) << p;
     for (const char* p : {"/home/u", "/tmp/scratch/root", "/Library/Audio", "/opt/x", "/etcetera"})
         EXPECT_FALSE(KTLocalPaths::isRealSystemFolder(p)) << p;
+    // The shared top-level folders are guarded themselves, not what lies in them.
+    for (const char* p : {"/home", "/tmp", "/opt", "/srv", "/root"})
+        EXPECT_TRUE(KTLocalPaths::isPathSystemDirectory(p, true)) << p;
+    EXPECT_FALSE(KTLocalPaths::isPathSystemDirectory("/tmp/x", true));
 }
 
 std::optional<KTHelperStep> parsed(const std::vector<std::string>& fields) {
