@@ -118,8 +118,13 @@ class KTHelperAttackTest : public ::testing::Test {
         ScratchRoot::writeFile(l.userVst + "/New.vst", "new");
         ScratchRoot::writeFile(l.userVst + "/Deep.vst/Contents/MacOS/Deep", "deep");
         ScratchRoot::writeFile(l.userVst + "/Deep.vst/Contents/Info.plist", "plist");
+        ScratchRoot::writeFile(l.userVst + "/Half.vst/a", "a");
+        ScratchRoot::writeFile(l.userVst + "/Half.vst/z", "z");
         ScratchRoot::makeDirs(l.trash);
         world->giveToNobody(l.home);
+        // One file of the plug-in the user cannot read: a copy cannot be whole.
+        lchown((l.userVst + "/Half.vst/z").c_str(), 0, 0);
+        chmod((l.userVst + "/Half.vst/z").c_str(), 0600);
         // The stand-ins.
         ScratchRoot::writeFile(l.shadow, "SECRET");
         ScratchRoot::makeDirs(l.sudoersD);
@@ -230,6 +235,14 @@ TEST(KTHelperAttackChild, DISABLED_Requests) {
               kFailed);
     EXPECT_EQ(ask(h, {"/bin/cp", "-f", "-p", "-R", "/proc/1/environ", l.vst + "/env"}), kRefused);
     EXPECT_FALSE(exists(l.vst + "/shadow"));
+    // A copy that cannot be whole leaves nothing behind.
+    EXPECT_EQ(
+        ask(h, {"/bin/cp", "-f", "-p", "-R", "-T", l.userVst + "/Half.vst", l.vst + "/Half.vst"}),
+        kFailed);
+    for (const auto& e : fs::directory_iterator(l.vst))
+        EXPECT_EQ(e.path().filename().string().find("Half"), std::string::npos);
+    for (const auto& e : fs::directory_iterator(l.vst))
+        EXPECT_EQ(e.path().filename().string().rfind(".ambrel-work.", 0), std::string::npos);
     // Modes: only the repair's, only on the program's folder.
     EXPECT_EQ(ask(h, {"/bin/chmod", "-R", "a+rw", l.vst}), kRefused);
     EXPECT_EQ(ask(h, {"/bin/chmod", "-R", "a+rw", l.secret}), kRefused);
@@ -526,6 +539,10 @@ TEST(KTHelperAttackChild, DISABLED_Operations) {
     EXPECT_TRUE(auth->authCreateDir(l.vst + "/Group/Empty"));
     EXPECT_EQ(auth->authExecTask("/bin/rm", {"-d", l.vst + "/Group/Empty"}, false), 0);
     EXPECT_FALSE(exists(l.vst + "/Group/Empty"));
+    EXPECT_EQ(auth->authExecTask("/bin/rmdir", {l.vst + "/Glow.vst"}, false), kFailed);
+    EXPECT_EQ(auth->authExecTask("/bin/rmdir", {l.vst + "/Group"}, false), 0);
+    EXPECT_FALSE(exists(l.vst + "/Group"));
+    EXPECT_TRUE(exists(l.vst + "/Glow.vst"));
     EXPECT_TRUE(auth->authRemoveFile(l.vst + "/New.vst"));
     EXPECT_FALSE(exists(l.vst + "/New.vst"));
 }

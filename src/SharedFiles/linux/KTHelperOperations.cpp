@@ -488,8 +488,13 @@ KTHelperOperations::Result KTHelperOperations::remove(const KTHelperStep& step,
     const std::string name = nameOf(path);
     struct stat st;
     if (!lookNoFollow(parent.get(), name, &st)) {
-        if (errno == ENOENT) return ok();
+        if (errno == ENOENT && !step.onlyEmptyFolders) return ok();
         return failed("unable to remove", path);
+    }
+    if (step.onlyEmptyFolders) {
+        if (unlinkat(parent.get(), name.c_str(), AT_REMOVEDIR) != 0)
+            return failed("unable to remove", path);
+        return ok();
     }
     if (S_ISDIR(st.st_mode) && step.recursive) {
         std::string why;

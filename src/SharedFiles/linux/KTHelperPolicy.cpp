@@ -21,6 +21,7 @@ const std::vector<ToolRule>& rules() {
         {"/bin/mv", Kind::Move, {"-f", "-T"}, 2, 2},
         {"/bin/cp", Kind::Copy, {"-f", "-p", "-R", "-T"}, 2, 2},
         {"/bin/rm", Kind::Remove, {"-Rdf", "-R", "-f", "-d", "-Rf", "-rf"}, 1, 64},
+        {"/bin/rmdir", Kind::Remove, {}, 1, 64},
         {"/bin/mkdir", Kind::MakeDirectory, {"-p"}, 1, 64},
         {"/usr/sbin/chown", Kind::Chown, {"-R"}, 1, 64},
         {"/bin/chmod", Kind::Chmod, {"-R"}, 1, 64},
@@ -64,6 +65,8 @@ std::variant<KTHelperStep, std::string> KTHelperPolicy::parse(
             step.recursive = true;
         ++i;
     }
+    // rmdir removes empty folders and nothing else.
+    if (fields[0] == "/bin/rmdir") step.onlyEmptyFolders = true;
     // cp copies folders only with -R, as the program always sends it.
     if (rule->kind == Kind::Copy) step.recursive = true;
     if (rule->kind == Kind::Move || rule->kind == Kind::Copy)

@@ -14,6 +14,8 @@ struct KTHelperStep {
     bool intoExistingFolder = false;
     /// rm -R, chown -R, chmod -R.
     bool recursive = false;
+    /// rmdir: an empty folder or nothing.
+    bool onlyEmptyFolders = false;
     /// chown: the owner as sent (a login name or a numeric id).
     std::string owner;
     /// Normalised absolute paths: mkdir/rm/chown/chmod operands, or source
