@@ -314,6 +314,11 @@ int KTHelperOperations::openFolder(const std::string& path) {
 KTHelperOperations::Result KTHelperOperations::perform(const KTHelperStep& step) {
     switch (step.kind) {
         case Kind::MakeDirectory:
+            // All or nothing: every folder is judged before the first is made.
+            for (const auto& p : step.paths) {
+                if (!places_.mayMakeFolder(p))
+                    return refused("path " + p + " is outside the plug-in places");
+            }
             for (const auto& p : step.paths) {
                 Result r = makeDirectory(p);
                 if (r.status != 0) return r;
