@@ -28,6 +28,14 @@ void console(std::string_view format, const A&... args) {
     std::fflush(stderr);
 }
 
+/// The guard (exact match) on the path as given and as normalised, so that
+/// "//usr" or "/./bin" is the folder it names.
+bool isSystemFolder(const std::string& path) {
+    if (KTLocalPaths::isPathSystemDirectory(path, true)) return true;
+    const std::optional<std::string> normal = KTLocalPaths::normalisedPath(path);
+    return normal && *normal != path && KTLocalPaths::isPathSystemDirectory(*normal, true);
+}
+
 bool exists(const std::string& path) {
     struct stat st;
     return lstat(path.c_str(), &st) == 0;
@@ -243,7 +251,18 @@ std::int32_t KTAuthorization::authExecTask(const std::string& tool,
     if (!isAuthorized()) authStart();
     auto helper = authRef();
     if (!helper || !helper->isAlive()) return -1;
-    return helper->run(tool, arguments, !async);
+    const std::int32_t status = helper->run(tool, arguments, !async);
+    if (status == kStatusRefused || status == kStatusFailed) {
+        // A failed privileged step names its tool and paths in the log.
+        std::string line = tool;
+        for (const auto& a : arguments) line += " " + a;
+        const std::string text = KTFormat::str(
+            status == kStatusRefused ? "Privileged step refused: %@" : "Privileged step failed: %@",
+            line);
+        console("%@", text);
+        KTLog::appendLog(text);
+    }
+    return status;
 }
 
 bool KTAuthorization::authMoveFile(const std::string& oldPath, const std::string& newPath) {
@@ -255,16 +274,17 @@ bool KTAuthorization::authMoveFile(const std::string& oldPath, const std::string
         console("Error in authMoveFile: new path is null");
         return false;
     }
-    if (KTLocalPaths::isPathSystemDirectory(oldPath, true)) {
+    if (isSystemFolder(oldPath)) {
         console("Unable to move path %@ because it is a system directory.", oldPath);
         return false;
     }
     if (!exists(oldPath)) return false;
+    // -T: a folder or a link already at the new path is never moved into.
     if (runningAsRoot()) {
-        KTTaskEx::runTaskAndReturn("/bin/mv", {"-f", oldPath, newPath});
+        KTTaskEx::runTaskAndReturn("/bin/mv", {"-f", "-T", oldPath, newPath});
         return true;
     }
-    return authExecTask("/bin/mv", {"-f", oldPath, newPath}) == 0;
+    return authExecTask("/bin/mv", {"-f", "-T", oldPath, newPath}) == 0;
 }
 
 bool KTAuthorization::authCopyFile(const std::string& oldPath, const std::string& newPath) {
@@ -278,10 +298,10 @@ bool KTAuthorization::authCopyFile(const std::string& oldPath, const std::string
     }
     if (!exists(oldPath)) return false;
     if (runningAsRoot()) {
-        KTTaskEx::runTaskAndReturn("/bin/cp", {"-f", "-p", "-R", oldPath, newPath});
+        KTTaskEx::runTaskAndReturn("/bin/cp", {"-f", "-p", "-R", "-T", oldPath, newPath});
         return true;
     }
-    return authExecTask("/bin/cp", {"-f", "-p", "-R", oldPath, newPath}) == 0;
+    return authExecTask("/bin/cp", {"-f", "-p", "-R", "-T", oldPath, newPath}) == 0;
 }
 
 bool KTAuthorization::authCreateDir(const std::string& path) {
@@ -296,7 +316,7 @@ bool KTAuthorization::authCreateDir(const std::string& path) {
 }
 
 bool KTAuthorization::authRemoveFile(const std::string& path) {
-    if (KTLocalPaths::isPathSystemDirectory(path, true)) {
+    if (isSystemFolder(path)) {
         console("Unable to delete path %@ because it is a system directory.", path);
         return false;
     }
@@ -304,7 +324,7 @@ bool KTAuthorization::authRemoveFile(const std::string& path) {
 }
 
 bool KTAuthorization::authTrashFile(const std::string& path, bool deleteOnRootAccount) {
-    if (KTLocalPaths::isPathSystemDirectory(path, true)) {
+    if (isSystemFolder(path)) {
         console("Unable to trash path %@ because it is a system directory.", path);
         return false;
     }
@@ -354,7 +374,7 @@ bool KTAuthorization::authTrashFile(const std::string& path, bool deleteOnRootAc
 }
 
 bool KTAuthorization::authTrashFolderContents(const std::string& folder, bool deleteOnRootAccount) {
-    if (KTLocalPaths::isPathSystemDirectory(folder, true)) {
+    if (isSystemFolder(folder)) {
         console("Unable to trash folder contents of path %@ because it is a system directory.",
                 folder);
         return false;
@@ -374,7 +394,7 @@ bool KTAuthorization::authTrashFolderContents(const std::string& folder, bool de
 }
 
 bool KTAuthorization::authMoveFolderContents(const std::string& from, const std::string& to) {
-    if (KTLocalPaths::isPathSystemDirectory(from, true)) {
+    if (isSystemFolder(from)) {
         console("Unable to move contents of path %@ because it is a system directory.", from);
         return false;
     }

@@ -15,16 +15,20 @@ class KTPrivilegedHelper;
 /// being waited for.
 ///
 /// As root (uid 0) nothing is asked and the tools run directly through
-/// `KTTaskEx`. Otherwise the right is one running `ambrel-helper` (installed
-/// beside `ambrel`), started once through the elevation command — "pkexec"
-/// (polkit shows its own prompt), or the words of AMBREL_ELEVATE when that is
-/// set, e.g. "sudo -n" — and kept until `authEnd` or the end of the process.
-/// The helper runs only mv, cp, rm, mkdir, chown and chmod, and only with
-/// the options these operations use.
+/// `KTTaskEx`. Otherwise the right is one running `ambrel-helper` (beside
+/// `ambrel`, or where the build put it; never chosen by the environment),
+/// started once through the elevation command — "pkexec" (polkit shows its
+/// own prompt), or the words of AMBREL_ELEVATE when that is set, e.g.
+/// "sudo -n" — and kept until `authEnd` or the end of the process. The
+/// helper takes the steps of mv, cp, rm, mkdir, chown and chmod itself, with
+/// the arguments these operations use, only in the requesting user's plug-in
+/// places and never through a link (see KTHelperOperations).
 ///
-/// Statuses of `authExecTask`: 0 launched, -1 no right (refused, cancelled,
-/// no interface), -2 no such tool, `kStatusRefused` the helper would not
-/// run the request. Refusals are written to stderr, not the application log.
+/// Statuses of `authExecTask`: 0 done (or launched, as root), -1 no right
+/// (refused, cancelled, no interface), -2 no such tool, `kStatusRefused` the
+/// helper would not take the step, `kStatusFailed` it took it and it failed.
+/// Refusals go to stderr; refused and failed steps are also logged with
+/// their tool and paths.
 ///
 /// Under sudo (uid 0 with SUDO_USER) the folders and the Trash are those of
 /// SUDO_USER: `userDirectory` is recorded, trashed items go into that user's
@@ -34,6 +38,9 @@ class KTAuthorization {
     /// The helper was reached but would not run the request (tool or
     /// arguments outside its list), or the helper went away mid-request.
     static constexpr std::int32_t kStatusRefused = -60031;
+    /// The helper took the step and it failed (nothing there, disk full...);
+    /// what it had begun is undone.
+    static constexpr std::int32_t kStatusFailed = -60032;
 
     /// The shared instance, created on first call with or without a user
     /// interface; later calls answer the same instance whatever the flag.

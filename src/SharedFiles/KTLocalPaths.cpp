@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <random>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -230,8 +231,9 @@ bool KTLocalPaths::isPathSystemDirectory(const std::string& input, bool exactMat
     if (path.back() == '/') path.resize(path.size() - 2);
 
     // The real system folders of this machine, whatever the system root.
-    static const char* const linuxSystem[] = {"/usr", "/bin",  "/sbin", "/lib",  "/lib64", "/etc",
-                                              "/var", "/boot", "/dev",  "/proc", "/sys",   "/run"};
+    static const char* const linuxSystem[] = {
+        "/usr", "/bin", "/sbin", "/lib",  "/lib64", "/etc", "/var", "/boot", "/dev",  "/proc",
+        "/sys", "/run", "/root", "/home", "/opt",   "/srv", "/tmp", "/mnt",  "/media"};
     for (const char* s : linuxSystem) {
         if (path == s) return true;
     }
@@ -268,6 +270,44 @@ bool KTLocalPaths::isPathSystemDirectory(const std::string& input, bool exactMat
         if (startsWith(path, prefix)) return true;
     }
     if (!root.empty() && startsWith(path, root + "/System/")) return true;
+    return false;
+}
+
+std::optional<std::string> KTLocalPaths::normalisedPath(const std::string& path) {
+    if (path.empty() || path.front() != '/' || path.find('\0') != std::string::npos)
+        return std::nullopt;
+    std::string out;
+    std::size_t start = 0;
+    while (start < path.size()) {
+        std::size_t end = path.find('/', start);
+        if (end == std::string::npos) end = path.size();
+        const std::string_view part(path.data() + start, end - start);
+        if (part == "..") return std::nullopt;
+        if (!part.empty() && part != ".") {
+            out += '/';
+            out += part;
+        }
+        start = end + 1;
+    }
+    return out.empty() ? std::string("/") : out;
+}
+
+bool KTLocalPaths::isRealSystemFolder(const std::string& input) {
+    const std::optional<std::string> path = normalisedPath(input);
+    if (!path || *path == "/") return true;
+    // Whole trees of the system and of the superuser.
+    static const char* const trees[] = {
+        "/etc", "/usr",  "/bin", "/sbin", "/lib", "/lib32", "/lib64",   "/libx32", "/boot",
+        "/dev", "/proc", "/sys", "/run",  "/var", "/root",  "/private", "/System", "/snap"};
+    for (const char* t : trees) {
+        if (*path == t || startsWith(*path, std::string(t) + "/")) return true;
+    }
+    // Shared top-level folders: protected themselves, usable beneath.
+    static const char* const tops[] = {"/home", "/opt",   "/srv",   "/tmp",
+                                       "/mnt",  "/media", "/Users", "/Volumes"};
+    for (const char* t : tops) {
+        if (*path == t) return true;
+    }
     return false;
 }
 

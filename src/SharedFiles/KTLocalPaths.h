@@ -73,5 +73,16 @@ class KTLocalPaths {
     static std::optional<std::string> stripTrailingSlash(const std::optional<std::string>& path);
 
     static bool isPathSystemDirectory(const std::string& path, bool exactMatch = false);
+    /// The folders of this machine that no privileged step may touch, whatever
+    /// the system root: the top-level folders themselves ("/", "/home", "/tmp",
+    /// "/opt", ...) and everything beneath the system's own trees ("/etc",
+    /// "/usr", "/root", "/var", "/proc", ...). Compared after `normalisedPath`,
+    /// so "//etc", "/./etc/" and "/usr/../etc" are caught; a path that cannot
+    /// be normalised counts as a system folder.
+    static bool isRealSystemFolder(const std::string& path);
+    /// An absolute path with doubled slashes, "." components and a trailing
+    /// slash removed; nothing for a relative path, a NUL byte or any ".."
+    /// (which cannot be resolved without looking at links).
+    static std::optional<std::string> normalisedPath(const std::string& path);
     static bool isPathOnTimeMachineVolume(const std::string& path);
 };

@@ -1,6 +1,5 @@
 #include "SharedFiles/KTAuthorization.h"
 
-#include "TestPaths.h"
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -13,6 +12,7 @@
 #include <regex>
 #include <thread>
 
+#include "KTHelperWorld.h"
 #include "SharedFiles/KTTaskEx.h"
 #include "SharedFiles/linux/KTHelperPolicy.h"
 #include "SharedFiles/linux/KTPrivilegedHelper.h"
@@ -58,10 +58,6 @@ std::string env(const char* name) {
     return v ? v : "";
 }
 
-void ensureHelperFolder() {
-    if (env("AMBREL_BIN").empty()) setenv("AMBREL_BIN", AMBREL_BINARY_DIR, 1);
-}
-
 const std::string kTimestamp = "_[0-9]{14}";
 
 // ---------------------------------------------------------------------------
@@ -71,7 +67,6 @@ class KTAuthorizationRootTest : public ::testing::Test {
   protected:
     void SetUp() override {
         if (geteuid() != 0) GTEST_SKIP() << "needs root: the tools run directly only as root";
-        ensureHelperFolder();
     }
     ScratchRoot scratch;
     KTAuthorization* auth = KTAuthorization::sharedController(false);
@@ -207,17 +202,23 @@ TEST_F(KTAuthorizationRootTest, OneHelperServesManyRequestsAndRefusesTheRest) {
     auto helper = KTPrivilegedHelper::start({KTPrivilegedHelper::helperPath()});
     if (!helper) testing::internal::GetCapturedStderr();
     ASSERT_TRUE(helper) << "helper at " << KTPrivilegedHelper::helperPath();
-    const std::string a = scratch.rootPath("/A.plugin"), b = scratch.rootPath("/B.plugin");
+    const std::string vst = scratch.rootPath("/Library/Audio/Plug-Ins/VST");
+    const std::string a = vst + "/A.vst", b = vst + "/B.vst";
     ScratchRoot::writeFile(a, "a");
 
     EXPECT_EQ(helper->run("/usr/bin/id", {}, true), KTAuthorization::kStatusRefused);
-    EXPECT_EQ(helper->run("/bin/mv", {"-f", "A.plugin", b}, true), KTAuthorization::kStatusRefused);
-    EXPECT_EQ(helper->run("/bin/mv", {"-f", a, b}, true), 0);
-    EXPECT_EQ(helper->run("/bin/mkdir", {"-p", scratch.rootPath("/C/D")}, false), 0);
+    EXPECT_EQ(helper->run("/bin/mv", {"-f", "A.vst", b}, true), KTAuthorization::kStatusRefused);
+    EXPECT_EQ(helper->run("/bin/mv", {"-f", "-T", a, b}, true), 0);
+    EXPECT_EQ(helper->run("/bin/mkdir", {"-p", vst + "/C/D"}, false), 0);
+    // Outside the plug-in places, even for a root client.
+    EXPECT_EQ(helper->run("/bin/mkdir", {"-p", scratch.rootPath("/C/D")}, false),
+              KTAuthorization::kStatusRefused);
+    EXPECT_EQ(helper->run("/bin/mv", {"-f", "-T", a, b}, true), KTAuthorization::kStatusFailed);
     std::string console = testing::internal::GetCapturedStderr();
     EXPECT_NE(console.find("refused: tool /usr/bin/id is not allowed"), std::string::npos);
     EXPECT_TRUE(exists(b) && !exists(a));
-    EXPECT_TRUE(eventually([&] { return exists(scratch.rootPath("/C/D")); }));
+    EXPECT_TRUE(exists(vst + "/C/D"));
+    EXPECT_FALSE(exists(scratch.rootPath("/C")));
     EXPECT_TRUE(helper->isAlive());
 }
 
@@ -231,116 +232,71 @@ std::string selfPath() {
     return n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
 }
 
-/// A sudoers rule letting "nobody" start the helper alone, without a
-/// password; gone with the guard.
-class SudoersRule {
-  public:
-    SudoersRule() : path_("/etc/sudoers.d/ambrel-test-" + std::to_string(getpid())) {
-        std::ofstream out(path_);
-        out << "nobody ALL=(root) NOPASSWD: " << KTPrivilegedHelper::helperPath() << "\n";
-        out.close();
-        chmod(path_.c_str(), 0440);
-    }
-    ~SudoersRule() { std::remove(path_.c_str()); }
-    bool valid() const {
-        return KTTaskEx::terminationCodeFromTask("/usr/sbin/visudo", {"-c", "-q", "-f", path_}) ==
-               0;
-    }
-
-  private:
-    std::string path_;
-};
-
-/// Runs KTAuthorizationChild.DISABLED_<scenario> with exactly `environment`
-/// (plus PATH and the sanitizers' options), through setpriv as "nobody"
-/// when `asNobody`. Answers the child's output; `passed` tells the verdict.
-std::string runChild(const std::string& scenario, std::map<std::string, std::string> environment,
-                     bool asNobody, bool* passed) {
-    environment["PATH"] = "/usr/sbin:/usr/bin:/sbin:/bin";
-    environment["AMBREL_BIN"] = env("AMBREL_BIN");
-    for (const char* keep : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"}) {
-        if (!env(keep).empty()) environment[keep] = env(keep);
-    }
-    std::vector<std::string> args = {"--gtest_also_run_disabled_tests",
-                                     "--gtest_filter=KTAuthorizationChild.DISABLED_" + scenario};
-    std::string tool = selfPath();
-    if (asNobody) {
-        args.insert(args.begin(), {"--reuid=nobody", "--regid=nogroup", "--clear-groups", tool});
-        tool = "/usr/bin/setpriv";
-    }
-    std::string out =
-        KTTaskEx::dataFromTask(tool, args, nullptr, environment).value_or("(no output)");
-    *passed = out.find("[  PASSED  ] 1 test") != std::string::npos &&
-              out.find("FAILED") == std::string::npos;
-    return out;
-}
-
 class KTAuthorizationUserTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        if (geteuid() != 0) GTEST_SKIP() << "needs root to act as another user";
-        if (!getpwnam("nobody") || !exists("/usr/bin/setpriv") || !exists("/usr/bin/sudo"))
-            GTEST_SKIP() << "needs the user nobody, setpriv and sudo";
-        ensureHelperFolder();
-        if (!exists(KTPrivilegedHelper::helperPath()))
-            GTEST_SKIP() << "no helper at " << KTPrivilegedHelper::helperPath();
-        passwd* nobody = getpwnam("nobody");
-        // Reachable by nobody; the home is theirs, the root's folders are not.
-        for (const auto& p : {scratch.base(), scratch.root(), scratch.home()})
-            chmod(p.c_str(), 0755);
-        locked = scratch.rootPath("/Library/Locked");
+        if (auto why = KTHelperWorld::missing()) GTEST_SKIP() << *why;
+        world = std::make_unique<KTHelperWorld>();
+        const ScratchRoot& scratch = world->scratch;
+        // A machine-wide kind folder, root's; the user's own plug-in and Trash.
+        locked = scratch.rootPath("/Library/Plug-Ins/FxPlug");
         ScratchRoot::makeDirs(locked);
-        ScratchRoot::writeFile(scratch.homePath("/Glow.plugin/Contents/x"), "glow");
         ScratchRoot::writeFile(locked + "/Old.plugin", "old");
+        ScratchRoot::writeFile(scratch.homePath("/Library/Plug-Ins/FxPlug/Glow.plugin/Contents/x"),
+                               "glow");
         ScratchRoot::writeFile(scratch.homePath("/.local/share/Trash/files/Old.plugin"), "older");
-        for (auto it = fs::recursive_directory_iterator(scratch.home()); it != fs::end(it); ++it)
-            lchown(it->path().c_str(), nobody->pw_uid, nobody->pw_gid);
-        lchown(scratch.home().c_str(), nobody->pw_uid, nobody->pw_gid);
-        environment = {{"HOME", scratch.home()},
-                       {"AMBREL_ROOT", scratch.root()},
-                       {"AMBREL_ELEVATE", "sudo -n"},
-                       {"AMBREL_TEST_LOCKED", locked}};
+        world->giveToNobody(scratch.home());
+        world->environment["AMBREL_TEST_LOCKED"] = locked;
     }
-    ScratchRoot scratch;
+    std::unique_ptr<KTHelperWorld> world;
     std::string locked;
-    std::map<std::string, std::string> environment;
 };
 
 TEST_F(KTAuthorizationUserTest, MovesIntoRootFoldersThroughTheHelper) {
-    SudoersRule rule;
-    if (!rule.valid()) GTEST_SKIP() << "sudo does not accept a test rule here";
     bool passed = false;
-    std::string out = runChild("Elevated", environment, true, &passed);
+    std::string out = world->run("KTAuthorizationChild", "Elevated", &passed);
     EXPECT_TRUE(passed) << out;
 }
 
 TEST_F(KTAuthorizationUserTest, WithoutElevationNothingIsLost) {
-    // A helper that no sudoers rule names, even one another test wrote meanwhile.
-    const std::string bin = scratch.base() + "/bin";
-    ScratchRoot::makeDirs(bin);
-    fs::copy_file(KTPrivilegedHelper::helperPath(), bin + "/ambrel-helper");
-    chmod(bin.c_str(), 0755);
-    const std::string oldBin = env("AMBREL_BIN");
-    setenv("AMBREL_BIN", bin.c_str(), 1);
+    // An elevation that never lets the helper start.
     bool passed = false;
-    std::string out = runChild("NoElevation", environment, true, &passed);
-    setenv("AMBREL_BIN", oldBin.c_str(), 1);
+    std::string out = world->run("KTAuthorizationChild", "NoElevation", &passed,
+                                 {{"AMBREL_ELEVATE", "/bin/false"}});
     EXPECT_TRUE(passed) << out;
-    EXPECT_EQ(ScratchRoot::readFile(scratch.homePath("/Glow.plugin/Contents/x")), "glow");
+    const std::string glow = world->scratch.homePath("/Library/Plug-Ins/FxPlug/Glow.plugin");
+    EXPECT_EQ(ScratchRoot::readFile(glow + "/Contents/x"), "glow");
     EXPECT_FALSE(exists(locked + "/Glow.plugin"));
 }
 
-TEST_F(KTAuthorizationUserTest, UnderSudoTheTrashIsTheStartingUsers) {
-    environment["SUDO_USER"] = "nobody";
-    bool passed = false;
-    std::string out = runChild("UnderSudo", environment, false, &passed);
-    EXPECT_TRUE(passed) << out;
+TEST(KTAuthorizationSudoTest, UnderSudoTheTrashIsTheStartingUsers) {
+    if (geteuid() != 0 || !getpwnam("nobody")) GTEST_SKIP() << "needs root and the user nobody";
+    ScratchRoot scratch;
+    const std::string locked = scratch.rootPath("/Library/Plug-Ins/FxPlug");
+    ScratchRoot::writeFile(locked + "/Old.plugin", "old");
+    ScratchRoot::writeFile(scratch.homePath("/.local/share/Trash/files/Old.plugin"), "older");
+    std::map<std::string, std::string> environment = {{"HOME", scratch.home()},
+                                                      {"AMBREL_ROOT", scratch.root()},
+                                                      {"AMBREL_TEST_LOCKED", locked},
+                                                      {"SUDO_USER", "nobody"},
+                                                      {"PATH", "/usr/sbin:/usr/bin:/sbin:/bin"}};
+    for (const char* keep : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"}) {
+        if (!env(keep).empty()) environment[keep] = env(keep);
+    }
+    std::string out =
+        KTTaskEx::dataFromTask(selfPath(),
+                               {"--gtest_also_run_disabled_tests",
+                                "--gtest_filter=KTAuthorizationChild.DISABLED_UnderSudo"},
+                               nullptr, environment)
+            .value_or("(no output)");
+    EXPECT_NE(out.find("[  PASSED  ] 1 test"), std::string::npos) << out;
 }
 
 // The scenarios themselves; they run only when a test above starts them.
 
 TEST(KTAuthorizationChild, DISABLED_Elevated) {
     const std::string home = env("HOME"), locked = env("AMBREL_TEST_LOCKED");
+    const std::string plugins = home + "/Library/Plug-Ins/FxPlug";
     const std::string trash = home + "/.local/share/Trash/files";
     ASSERT_NE(getuid(), 0u);
     KTAuthorization* auth = KTAuthorization::sharedController(false);
@@ -354,7 +310,7 @@ TEST(KTAuthorizationChild, DISABLED_Elevated) {
     EXPECT_FALSE(auth->isAuthorized());
 
     // The plain call fails: the folder is root's.
-    const std::string src = home + "/Glow.plugin", dst = locked + "/Glow.plugin";
+    const std::string src = plugins + "/Glow.plugin", dst = locked + "/Glow.plugin";
     EXPECT_NE(rename(src.c_str(), dst.c_str()), 0);
 
     auth->setHasGUI(true);
@@ -365,8 +321,9 @@ TEST(KTAuthorizationChild, DISABLED_Elevated) {
     EXPECT_TRUE(auth->authCreateDir(locked + "/Sub/Deeper"));
     // Launched, not waited for: the caller's pause covers this.
     EXPECT_TRUE(eventually([&] { return exists(locked + "/Sub/Deeper"); }));
-    EXPECT_EQ(auth->authExecTask("/bin/cp", {"-f", "-p", "-R", dst, locked + "/Sub/Copy"}, false),
-              0);
+    EXPECT_EQ(
+        auth->authExecTask("/bin/cp", {"-f", "-p", "-R", "-T", dst, locked + "/Sub/Copy"}, false),
+        0);
     EXPECT_TRUE(exists(locked + "/Sub/Copy/Contents/x"));
     EXPECT_TRUE(auth->authTrashFile(locked + "/Old.plugin"));
     EXPECT_TRUE(
@@ -396,12 +353,13 @@ TEST(KTAuthorizationChild, DISABLED_Elevated) {
 
 TEST(KTAuthorizationChild, DISABLED_NoElevation) {
     const std::string home = env("HOME"), locked = env("AMBREL_TEST_LOCKED");
+    const std::string glow = home + "/Library/Plug-Ins/FxPlug/Glow.plugin";
     ASSERT_NE(getuid(), 0u);
     KTAuthorization* auth = KTAuthorization::sharedController(true);
-    EXPECT_FALSE(auth->authMoveFile(home + "/Glow.plugin", locked + "/Glow.plugin"));
+    EXPECT_FALSE(auth->authMoveFile(glow, locked + "/Glow.plugin"));
     EXPECT_FALSE(auth->isAuthorized());
     EXPECT_EQ(auth->authExecTask("/bin/mkdir", {"-p", locked + "/Never"}), -1);
-    EXPECT_TRUE(exists(home + "/Glow.plugin/Contents/x"));
+    EXPECT_TRUE(exists(glow + "/Contents/x"));
 }
 
 TEST(KTAuthorizationChild, DISABLED_UnderSudo) {

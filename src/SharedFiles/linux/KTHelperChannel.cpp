@@ -124,3 +124,16 @@ std::optional<std::int32_t> KTHelperChannel::readStatus() {
     if (!v || *v < INT32_MIN || *v > INT32_MAX) return std::nullopt;
     return static_cast<std::int32_t>(*v);
 }
+
+bool KTHelperChannel::sendRoot(const std::string& root) {
+    if (root.size() > kMaxFieldLength) return false;
+    return writeAll("root " + std::to_string(root.size()) + "\n" + root);
+}
+
+std::optional<std::string> KTHelperChannel::readRoot() {
+    auto line = readLine();
+    if (!line || line->compare(0, 5, "root ") != 0) return std::nullopt;
+    auto len = parseNumber(std::string_view(*line).substr(5));
+    if (!len || *len < 1 || *len > static_cast<long long>(kMaxFieldLength)) return std::nullopt;
+    return readExact(static_cast<size_t>(*len));
+}

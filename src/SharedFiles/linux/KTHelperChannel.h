@@ -10,6 +10,7 @@
 ///
 ///   helper -> program   "ready\n"            once it runs as root
 ///   program -> helper   "begin\n"            anything before it is dropped
+///   program -> helper   "root <length>\n<bytes>"  the system root it runs with
 ///   program -> helper   "run <wait> <n>\n" then n fields "<length>\n<bytes>"
 ///                       (field 0 the tool as the program names it)
 ///   helper -> program   "status <int>\n"
@@ -40,6 +41,9 @@ class KTHelperChannel {
     /// Nothing at end of data or for anything malformed or oversized.
     std::optional<Request> readRequest();
     bool sendStatus(std::int32_t status);
+    bool sendRoot(const std::string& root);
+    /// Nothing for anything but a root message of at most `kMaxFieldLength` bytes.
+    std::optional<std::string> readRoot();
     std::optional<std::int32_t> readStatus();
 
     /// Bounds each wait for data (milliseconds; negative waits for ever).

@@ -1,5 +1,6 @@
 #include "SharedFiles/linux/KTPrivilegedHelper.h"
 
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 #include <sstream>
 
 #include "SharedFiles/KTAuthorization.h"
+#include "SharedFiles/KTLocalPaths.h"
 #include "SharedFiles/linux/KTHelperChannel.h"
 
 namespace {
@@ -31,16 +33,38 @@ constexpr int kPasswordLines = 3;
 // "sudo -S" never shows a prompt, so its answer cannot take long.
 constexpr int kPasswordStartTimeoutMs = 60000;
 
+/// While a helper runs, no other process of the user may look into this one
+/// (ptrace, pidfd_getfd, /proc/<pid>/fd): the channel is a root right.
+std::mutex gDumpableLock;
+int gHelpersHeld = 0;
+int gDumpableBefore = 1;
+
+void holdUndumpable() {
+    std::lock_guard<std::mutex> guard(gDumpableLock);
+    if (gHelpersHeld++ == 0) {
+        gDumpableBefore = prctl(PR_GET_DUMPABLE, 0, 0, 0, 0);
+        prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
+    }
+}
+
+void releaseUndumpable() {
+    std::lock_guard<std::mutex> guard(gDumpableLock);
+    if (--gHelpersHeld == 0 && gDumpableBefore > 0)
+        prctl(PR_SET_DUMPABLE, gDumpableBefore, 0, 0, 0);
+}
+
 }  // namespace
 
 std::string KTPrivilegedHelper::helperPath() {
-    if (const char* bin = std::getenv("AMBREL_BIN"); bin && *bin)
-        return std::string(bin) + "/ambrel-helper";
+    // Never from the environment: whoever sets it would choose what runs as root.
     char self[PATH_MAX];
     ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-    if (n <= 0) return "ambrel-helper";
-    std::string exe(self, static_cast<size_t>(n));
-    return exe.substr(0, exe.rfind('/')) + "/ambrel-helper";
+    if (n > 0) {
+        std::string exe(self, static_cast<size_t>(n));
+        std::string beside = exe.substr(0, exe.rfind('/')) + "/ambrel-helper";
+        if (access(beside.c_str(), X_OK) == 0) return beside;
+    }
+    return AMBREL_HELPER_PATH;
 }
 
 std::vector<std::string> KTPrivilegedHelper::elevationCommand() {
@@ -57,17 +81,27 @@ std::shared_ptr<KTPrivilegedHelper> KTPrivilegedHelper::start(
     if (command.empty()) return nullptr;
     const std::string exec = findInPath(command[0]);
     if (exec.empty()) return nullptr;
+    std::string root = KTLocalPaths::systemRoot();
+    if (root.empty()) root = "/";
 
+    holdUndumpable();
     int fds[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) return nullptr;
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) {
+        releaseUndumpable();
+        return nullptr;
+    }
+    KTTaskProcess::keepFromChildren(fds[0]);
+    auto fail = [&] {
+        KTTaskProcess::releaseToChildren(fds[0]);
+        close(fds[0]);
+        releaseUndumpable();
+        return nullptr;
+    };
     auto process = std::make_shared<KTTaskProcess>(
         command[0], exec, std::vector<std::string>(command.begin() + 1, command.end()));
     int rc = process->launch(fds[1], fds[1], KTTaskProcess::kInherit);
     close(fds[1]);
-    if (rc != 0) {
-        close(fds[0]);
-        return nullptr;
-    }
+    if (rc != 0) return fail();
     KTHelperChannel channel(fds[0], fds[0]);
     if (password) {
         std::string lines;
@@ -76,12 +110,11 @@ std::shared_ptr<KTPrivilegedHelper> KTPrivilegedHelper::start(
         channel.setReadTimeout(kPasswordStartTimeoutMs);
     }
     auto ready = channel.readLine();
-    if (!ready || *ready != "ready" || !channel.writeAll("begin\n")) {
+    if (!ready || *ready != "ready" || !channel.writeAll("begin\n") || !channel.sendRoot(root)) {
         shutdown(fds[0], SHUT_RDWR);
-        close(fds[0]);
         if (process->isRunning()) process->terminate();
         process->waitUntilExit();
-        return nullptr;
+        return fail();
     }
     return std::shared_ptr<KTPrivilegedHelper>(new KTPrivilegedHelper(fds[0], process));
 }
@@ -91,7 +124,9 @@ KTPrivilegedHelper::~KTPrivilegedHelper() {
     // process is reaped in the background (the helper may still be
     // finishing a tool).
     shutdown(fd_, SHUT_RDWR);
+    KTTaskProcess::releaseToChildren(fd_);
     close(fd_);
+    releaseUndumpable();
 }
 
 std::int32_t KTPrivilegedHelper::run(const std::string& tool,

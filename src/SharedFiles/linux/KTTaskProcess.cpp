@@ -6,10 +6,32 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <thread>
 
 extern char** environ;
+
+namespace {
+
+std::mutex gPrivateLock;
+std::vector<int>& privateDescriptors() {
+    static std::vector<int> fds;
+    return fds;
+}
+
+}  // namespace
+
+void KTTaskProcess::keepFromChildren(int fd) {
+    std::lock_guard<std::mutex> guard(gPrivateLock);
+    privateDescriptors().push_back(fd);
+}
+
+void KTTaskProcess::releaseToChildren(int fd) {
+    std::lock_guard<std::mutex> guard(gPrivateLock);
+    auto& fds = privateDescriptors();
+    fds.erase(std::remove(fds.begin(), fds.end(), fd), fds.end());
+}
 
 KTTaskProcess::KTTaskProcess(std::string launchPath, std::string execPath,
                              std::vector<std::string> arguments,
@@ -49,6 +71,13 @@ int KTTaskProcess::launch(int stdinFd, int stdoutFd, int stderrFd) {
             posix_spawn_file_actions_adddup2(&actions, fds[target], target);
         }
     }
+    // Held until the child has started, so that a descriptor is not closed
+    // and its number reused by someone else in between.
+    std::unique_lock<std::mutex> privateGuard(gPrivateLock);
+    for (int fd : privateDescriptors()) {
+        if (fd != stdinFd && fd != stdoutFd && fd != stderrFd)
+            posix_spawn_file_actions_addclose(&actions, fd);
+    }
     posix_spawnattr_t attr;
     posix_spawnattr_init(&attr);
     // Children start with default signal handling and no blocked signals,
@@ -80,6 +109,7 @@ int KTTaskProcess::launch(int stdinFd, int stdoutFd, int stderrFd) {
 
     pid_t pid = 0;
     int rc = posix_spawn(&pid, execPath_.c_str(), &actions, &attr, argv.data(), envArg);
+    privateGuard.unlock();
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attr);
     if (rc != 0) return rc;

@@ -31,6 +31,12 @@ class KTTaskProcess {
     KTTaskProcess(const KTTaskProcess&) = delete;
     KTTaskProcess& operator=(const KTTaskProcess&) = delete;
 
+    /// Descriptors no child may keep (the channel to the privileged helper):
+    /// closed in every child before it runs, even one that would inherit
+    /// them. `keepFromChildren` registers, `releaseToChildren` forgets.
+    static void keepFromChildren(int fd);
+    static void releaseToChildren(int fd);
+
     /// Starts the child with the given descriptors as its fds 0, 1 and 2.
     /// Answers 0 or the errno of the failed start.
     int launch(int stdinFd = kInherit, int stdoutFd = kInherit, int stderrFd = kInherit);

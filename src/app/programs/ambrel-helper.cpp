@@ -1,45 +1,168 @@
 // The privileged helper: started as root through pkexec or sudo by the
-// program's KTAuthorization, it runs the file tools of the privileged
-// operations for its parent and nothing else. Requests arrive on standard
-// input, answers leave on standard output (see KTHelperChannel); refusals
-// go to standard error. It ends when its parent closes the connection.
+// program's KTAuthorization, it takes the file steps of the privileged
+// operations for the user who started it, within that user's plug-in
+// places, and nothing else. Requests arrive on standard input, answers
+// leave on standard output (see KTHelperChannel); refusals go to standard
+// error. It ends when its parent closes the connection.
 
+#include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <list>
-#include <memory>
+#include <fstream>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <variant>
+#include <vector>
 
 #include "SharedFiles/KTAuthorization.h"
+#include "SharedFiles/KTLocalPaths.h"
 #include "SharedFiles/linux/KTHelperChannel.h"
+#include "SharedFiles/linux/KTHelperOperations.h"
+#include "SharedFiles/linux/KTHelperPlaces.h"
 #include "SharedFiles/linux/KTHelperPolicy.h"
-#include "SharedFiles/linux/KTTaskProcess.h"
-#include "SharedFiles/linux/KTToolPaths.h"
 
 namespace {
 
 constexpr int kMaxDroppedLines = 16;
+// pkexec becomes the helper; sudo stays between (and may add a monitor).
+constexpr int kMaxAncestors = 4;
 
-void refuse(const std::string& why) {
-    std::fprintf(stderr, "ambrel-helper: refused: %s\n", why.c_str());
+void say(const std::string& what) {
+    std::fprintf(stderr, "ambrel-helper: %s\n", what.c_str());
+    std::fflush(stderr);
+}
+
+std::optional<uid_t> uidFrom(const char* text) {
+    if (!text || !*text) return std::nullopt;
+    char* end = nullptr;
+    unsigned long v = std::strtoul(text, &end, 10);
+    if (*end != '\0' || v > 0xfffffffeUL) return std::nullopt;
+    return static_cast<uid_t>(v);
+}
+
+pid_t parentOf(pid_t pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    // "pid (name) state ppid": the name may hold anything, so count from its end.
+    size_t close = text.rfind(')');
+    if (close == std::string::npos) return 0;
+    std::istringstream rest(text.substr(close + 1));
+    std::string state;
+    pid_t ppid = 0;
+    rest >> state >> ppid;
+    return ppid;
+}
+
+/// Who is asking: the process at the other end of the socket the helper
+/// was started with, which must be the program that started it (one of the
+/// helper's own ancestors) and run as the user the elevation tool names.
+std::optional<struct ucred> requester(std::string* why) {
+    struct stat in, out;
+    if (fstat(STDIN_FILENO, &in) != 0 || fstat(STDOUT_FILENO, &out) != 0 || !S_ISSOCK(in.st_mode) ||
+        in.st_ino != out.st_ino || in.st_dev != out.st_dev) {
+        *why = "standard input and output are not the program's socket";
+        return std::nullopt;
+    }
+    struct ucred peer {};
+    socklen_t len = sizeof peer;
+    if (getsockopt(STDIN_FILENO, SOL_SOCKET, SO_PEERCRED, &peer, &len) != 0 || peer.pid <= 0) {
+        *why = "the socket names no peer";
+        return std::nullopt;
+    }
+    std::optional<uid_t> pkexec = uidFrom(std::getenv("PKEXEC_UID"));
+    std::optional<uid_t> sudo = uidFrom(std::getenv("SUDO_UID"));
+    const uid_t claimed = pkexec ? *pkexec : sudo ? *sudo : getuid();
+    if ((pkexec && *pkexec != peer.uid) || (sudo && *sudo != peer.uid) || claimed != peer.uid) {
+        *why = "the peer runs as user " + std::to_string(peer.uid) + ", not as " +
+               std::to_string(claimed) + " who started the helper";
+        return std::nullopt;
+    }
+    pid_t p = getppid();
+    for (int i = 0; i < kMaxAncestors && p > 1; ++i, p = parentOf(p)) {
+        if (p == peer.pid) return peer;
+    }
+    *why = "the peer (process " + std::to_string(peer.pid) + ") did not start the helper";
+    return std::nullopt;
+}
+
+/// The system root to serve, or nothing: its name must be plain, and every
+/// folder down to it a real folder owned by root or by the requesting user
+/// (a root inside someone else's folders would hand out their files).
+std::optional<std::string> servedRoot(const std::string& asked, uid_t uid) {
+    if (auto why = KTHelperPlaces::rootRefusal(asked)) {
+        say("refused: " + *why);
+        return std::nullopt;
+    }
+    for (size_t end = 0; end != std::string::npos;) {
+        end = asked.find('/', end + 1);
+        const std::string folder = end == std::string::npos ? asked : asked.substr(0, end);
+        int fd = KTHelperOperations::openFolder(folder);
+        struct stat st;
+        bool good = fd >= 0 && fstat(fd, &st) == 0 && (st.st_uid == 0 || st.st_uid == uid);
+        if (fd >= 0) close(fd);
+        if (!good) {
+            say("refused: system root " + asked + " passes through " + folder +
+                ", which is a link or belongs to someone else");
+            return std::nullopt;
+        }
+        if (asked == "/") break;
+    }
+    return asked;
+}
+
+std::string readAll(const char* path) {
+    std::ifstream in(path);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
 }  // namespace
 
 int main() {
-    // Nothing of the caller's environment reaches a root process: no tool
+    signal(SIGPIPE, SIG_IGN);
+    if (geteuid() != 0) {
+        say("must run as root");
+        return 1;
+    }
+    // Learned before the environment goes: the elevation tool's word on
+    // who asked is read once, checked against the socket, then dropped.
+    std::string why;
+    std::optional<struct ucred> peer = requester(&why);
+    // Nothing of the caller's environment reaches further: no tool
     // stand-ins, no system root, no loader variables.
     clearenv();
     setenv("PATH", "/usr/sbin:/usr/bin:/sbin:/bin", 1);
     umask(022);
-    signal(SIGPIPE, SIG_IGN);
+    if (!peer) {
+        say("refused: " + why);
+        return 1;
+    }
 
-    if (geteuid() != 0) {
-        std::fprintf(stderr, "ambrel-helper: must run as root\n");
+    const passwd* pw = getpwuid(peer->uid);
+    const std::string home = pw && pw->pw_dir ? pw->pw_dir : "";
+    const gid_t gid = pw ? pw->pw_gid : peer->gid;
+    // A copy reads as the user, with the user's groups, never root's.
+    if (pw) {
+        int count = 64;
+        std::vector<gid_t> groups(static_cast<size_t>(count));
+        if (getgrouplist(pw->pw_name, gid, groups.data(), &count) < 0) {
+            groups.resize(static_cast<size_t>(count));
+            getgrouplist(pw->pw_name, gid, groups.data(), &count);
+        }
+        groups.resize(static_cast<size_t>(count > 0 ? count : 0));
+        if (setgroups(groups.size(), groups.data()) != 0) {
+            say("unable to take the user's groups");
+            return 1;
+        }
+    } else if (setgroups(1, &gid) != 0) {
+        say("unable to drop root's groups");
         return 1;
     }
 
@@ -52,44 +175,28 @@ int main() {
         if (!line || dropped > kMaxDroppedLines) return 1;
         if (*line == "begin") break;
     }
+    auto root = channel.readRoot();
+    if (!root) return 1;
 
-    std::list<std::shared_ptr<KTTaskProcess>> running;
+    KTHelperOperations operations(
+        peer->uid, gid,
+        KTHelperPlaces(servedRoot(*root, peer->uid), peer->uid, home,
+                       KTHelperPlaces::mountPointsFrom(readAll("/proc/self/mountinfo"))));
     for (;;) {
         auto request = channel.readRequest();
         if (!request) break;
-        running.remove_if([](const auto& p) { return !p->isRunning(); });
-
-        if (auto why = KTHelperPolicy::refusal(request->fields)) {
-            refuse(*why);
-            if (!channel.sendStatus(KTAuthorization::kStatusRefused)) break;
-            continue;
-        }
-        const std::string& tool = request->fields[0];
-        auto real = KTToolPaths::resolveSystem(tool);
-        if (!real || access(real->c_str(), X_OK) != 0) {
-            if (!channel.sendStatus(-2)) break;
-            continue;
-        }
-        std::vector<std::string> args(request->fields.begin() + 1, request->fields.end());
-        auto process = std::make_shared<KTTaskProcess>(
-            tool, *real, args,
-            std::map<std::string, std::string>{{"PATH", "/usr/sbin:/usr/bin:/sbin:/bin"}});
-        // The tool must never write into the answer stream.
-        int rc = process->launch(KTTaskProcess::kNullDevice, KTTaskProcess::kNullDevice,
-                                 KTTaskProcess::kInherit);
-        if (rc != 0) {
-            refuse("unable to start " + tool);
-            if (!channel.sendStatus(KTAuthorization::kStatusRefused)) break;
-            continue;
-        }
-        if (request->wait) {
-            process->waitUntilExit();
+        auto parsed = KTHelperPolicy::parse(request->fields);
+        std::int32_t status;
+        if (auto* refusal = std::get_if<std::string>(&parsed)) {
+            say("refused: " + *refusal);
+            status = KTAuthorization::kStatusRefused;
         } else {
-            running.push_back(process);
+            KTHelperOperations::Result r = operations.perform(std::get<KTHelperStep>(parsed));
+            if (r.status == KTAuthorization::kStatusRefused) say("refused: " + r.message);
+            if (r.status == KTAuthorization::kStatusFailed) say("failed: " + r.message);
+            status = r.status;
         }
-        if (!channel.sendStatus(0)) break;
+        if (!channel.sendStatus(status)) break;
     }
-    // The parent is gone; let the tools it started finish before leaving.
-    for (auto& p : running) p->waitUntilExit();
     return 0;
 }
