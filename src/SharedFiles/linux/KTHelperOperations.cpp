@@ -423,7 +423,7 @@ KTHelperOperations::Result KTHelperOperations::move(const KTHelperStep& step) {
     const std::string name = nameOf(source), target = nameOf(destination);
     struct stat st;
     if (!lookNoFollow(from.get(), name, &st)) return failed("unable to move", source);
-    if (renameat(from.get(), name.c_str(), to.get(), target.c_str()) == 0) return ok();
+    if (renameat2(from.get(), name.c_str(), to.get(), target.c_str(), RENAME_NOREPLACE) == 0) return ok();
     if (errno != EXDEV) return failed("unable to move", source);
 
     // Another file system: a whole copy under a work name first, then into
@@ -436,7 +436,7 @@ KTHelperOperations::Result KTHelperOperations::move(const KTHelperStep& step) {
         removeTree(to.get(), work, &ignored);
         return {KTAuthorization::kStatusFailed, "unable to copy " + source + ": " + why};
     }
-    if (renameat(to.get(), work.c_str(), to.get(), target.c_str()) != 0) {
+    if (renameat2(to.get(), work.c_str(), to.get(), target.c_str(), RENAME_NOREPLACE) != 0) {
         Result r = failed("unable to move", source);
         std::string ignored;
         removeTree(to.get(), work, &ignored);
@@ -474,7 +474,8 @@ KTHelperOperations::Result KTHelperOperations::copy(const KTHelperStep& step) {
         removeTree(to.get(), work, &ignored);
         return {KTAuthorization::kStatusFailed, "unable to copy " + source + ": " + why};
     }
-    if (renameat(to.get(), work.c_str(), to.get(), nameOf(destination).c_str()) != 0) {
+    if (renameat2(to.get(), work.c_str(), to.get(), nameOf(destination).c_str(),
+                  RENAME_NOREPLACE) != 0) {
         Result r = failed("unable to copy to", destination);
         std::string ignored;
         removeTree(to.get(), work, &ignored);

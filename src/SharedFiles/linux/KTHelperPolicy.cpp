@@ -18,8 +18,11 @@ struct ToolRule {
 
 const std::vector<ToolRule>& rules() {
     static const std::vector<ToolRule> r = {
-        {"/bin/mv", Kind::Move, {"-f", "-T"}, 2, 2},
-        {"/bin/cp", Kind::Copy, {"-f", "-p", "-R", "-T"}, 2, 2},
+        // "-n" and "-a" are what the transfer sends; the helper never
+        // replaces a destination and always keeps what a copy can keep,
+        // whichever of the equivalent spellings arrives.
+        {"/bin/mv", Kind::Move, {"-f", "-n", "-T"}, 2, 2},
+        {"/bin/cp", Kind::Copy, {"-f", "-p", "-R", "-a", "-T"}, 2, 2},
         {"/bin/rm", Kind::Remove, {"-Rdf", "-R", "-f", "-d", "-Rf", "-rf"}, 1, 64},
         {"/bin/rmdir", Kind::Remove, {}, 1, 64},
         {"/bin/mkdir", Kind::MakeDirectory, {"-p"}, 1, 64},
