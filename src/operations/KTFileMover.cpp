@@ -19,6 +19,7 @@
 #include "SharedFiles/KTFileTree.h"
 #include "SharedFiles/KTLocalPaths.h"
 #include "SharedFiles/KTLog.h"
+#include "SharedFiles/KTTimeScale.h"
 #include "catalogue/KTPluginLocations.h"
 
 namespace fs = std::filesystem;
@@ -60,7 +61,7 @@ void KTFileMover::setPrivilegedPauseSecondsForTesting(double seconds) {
     gPause = seconds;
 }
 void KTFileMover::pauseAfterPrivilegedStep() {
-    std::this_thread::sleep_for(std::chrono::duration<double>(gPause.load()));
+    std::this_thread::sleep_for(KTTimeScale::scaled(std::chrono::duration<double>(gPause.load())));
 }
 
 bool KTFileMover::moveItem(const std::string& from, const std::string& to, std::string* error) {
