@@ -7,13 +7,14 @@
 
 #include "SharedFiles/KTLog.h"
 #include "app/core/AppController.h"
+#include "app/core/KTCrashTestCommand.h"
 #include "catalogue/KTItemArchive.h"
 #include "catalogue/KTPluginLocations.h"
 #include "catalogue/OutlineViewController.h"
 
 namespace {
 const char* const kVerbs[] = {"-install", "-enable", "-disable", "-remove", "-setaccess",
-                              "-allplugins"};
+                              "-allplugins", "-crashtest"};
 
 void writeAll(const std::string& bytes) {
     std::size_t done = 0;
@@ -48,7 +49,8 @@ std::string KTCommandLine::usage() {
            "                                       user, or with -all for all users\n"
            "       ambrel -setaccess scope [name]  move them to the folders of a scope: 0 all\n"
            "                                       users, 1 current user; without a name, every\n"
-           "                                       plug-in\n";
+           "                                       plug-in\n" +
+           KTCrashTestCommand::usage();
 }
 
 int KTCommandLine::run(const std::vector<std::string>& args) {
@@ -63,6 +65,7 @@ int KTCommandLine::run(const std::vector<std::string>& args) {
     if (verb == "-enable" || verb == "-disable" || verb == "-remove") status = pluginVerb(*app, args);
     if (verb == "-setaccess") status = setAccess(*app, args);
     if (verb == "-install") status = install(*app, args);
+    if (verb == "-crashtest") status = KTCrashTestCommand::run(*app, args);
     // Everything the verb logged is on disk before the process ends.
     KTLog::finishWriting();
     return status;
