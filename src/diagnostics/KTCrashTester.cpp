@@ -214,8 +214,17 @@ KTCrashTestOutcome KTCrashTester::runHalving(const KTCrashTestHost& host,
     // One relaunch with the first `prefix` suspects below `limit` (and the
     // culprits found so far) disabled; nothing when cancelled.
     std::size_t limit = n;
+    bool survivorRunning = false;
     auto trial = [&](std::size_t prefix) -> Launch {
         if (cancelRequested_) return Launch::cancelled;
+        // A host that survived the last relaunch is still up: it goes first.
+        if (survivorRunning) {
+            survivorRunning = false;
+            onMain([&] { quitAppWithBundleID(host.bundleIdentifier); });
+            const Wait closed = waitFor(hostTerminated_);
+            if (closed == Wait::timedOut) return Launch::closeFailed;
+            if (closed == Wait::cancelled) return Launch::cancelled;
+        }
         arrange(list, prefix, limit, culprit, disabled);
         const long count = std::count(disabled.begin(), disabled.end(), true);
         updateCrashTestStatus(count == 0
@@ -224,7 +233,9 @@ KTCrashTestOutcome KTCrashTester::runHalving(const KTCrashTestHost& host,
                                                   count, static_cast<long>(n)));
         withView([](KTCrashTestView& v) { v.incrementCrashTestProgress(); });
         if (count > 0) pause();
-        return launchHost(host);
+        const Launch result = launchHost(host);
+        survivorRunning = result == Launch::survived;
+        return result;
     };
 
     Launch result = trial(0);
@@ -360,13 +371,21 @@ bool KTCrashTester::quitAppWithBundleID(const std::string& bundleIdentifier) {
 
 // ---- Moves ------------------------------------------------------------------------
 
+std::shared_ptr<KTPluginItem> KTCrashTester::pluginForPath(const std::string& path) {
+    OutlineViewController& outline = app_.outlineViewController();
+    // The list holds enabled paths; a plug-in the test has disabled is known
+    // by its place below the disabled folder.
+    if (auto item = outline.pluginFromPath(path)) return item;
+    return outline.pluginFromPath(KTPluginLocations::disabledPathForPath(path));
+}
+
 std::string KTCrashTester::shortNameForPath(const std::string& path) {
-    auto item = app_.outlineViewController().pluginFromPath(path);
+    auto item = pluginForPath(path);
     return item ? item->shortName() : path;
 }
 
 bool KTCrashTester::disablePlugin(const std::string& path, bool journal) {
-    auto item = app_.outlineViewController().pluginFromPath(path);
+    auto item = pluginForPath(path);
     if (!item) return false;
     // Written before the move: a test killed in between leaves a name too
     // many in the journal, never one too few.
@@ -375,7 +394,7 @@ bool KTCrashTester::disablePlugin(const std::string& path, bool journal) {
 }
 
 bool KTCrashTester::enablePlugin(const std::string& path) {
-    auto item = app_.outlineViewController().pluginFromPath(path);
+    auto item = pluginForPath(path);
     if (!item) return false;
     item->updateActualPath();
     // Never reached by the test: nothing to undo.

@@ -119,6 +119,7 @@ class KTCrashTester {
 
     bool disablePlugin(const std::string& path, bool journal);
     bool enablePlugin(const std::string& path);
+    std::shared_ptr<KTPluginItem> pluginForPath(const std::string& path);
     std::string shortNameForPath(const std::string& path);
 
     /// An end's texts: the log line (printed without an interface) and the
