@@ -560,10 +560,12 @@ int KTCrashTester::replayJournal() {
     OutlineViewController& outline = app_.outlineViewController();
     for (const std::string& path : *paths) {
         const std::string disabled = KTPluginLocations::disabledPathForPath(path);
-        // Already back, or gone altogether: nothing to do.
-        if (!KTPluginLocations::fileExists(disabled) || KTPluginLocations::fileExists(path))
+        // Already back, or gone altogether: nothing to move. A test killed
+        // between its journal and its move may still have made the folders.
+        if (KTPluginLocations::fileExists(disabled) && !KTPluginLocations::fileExists(path) &&
+            !outline.moveFileFrom(disabled, path))
             continue;
-        if (outline.moveFileFrom(disabled, path)) outline.cleanupPluginPath(disabled);
+        if (!KTPluginLocations::fileExists(disabled)) outline.cleanupPluginPath(disabled);
     }
     journal.clear();
     return static_cast<int>(paths->size());

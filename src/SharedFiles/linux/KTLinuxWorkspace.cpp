@@ -171,6 +171,8 @@ bool KTLinuxWorkspace::launchApplication(const std::string& bundleIdentifier) {
     // The host must not hold the tester's pipes or terminal: streams on
     // /dev/null, a session of its own (no Ctrl-C from the tester's terminal),
     // and the signals this program handles back at their defaults.
+    // Nothing else this program holds open (pipes above all) goes with it.
+    posix_spawn_file_actions_addclosefrom_np(&setup.actions, 3);
     for (int fd : {0, 1, 2}) {
         posix_spawn_file_actions_addopen(&setup.actions, fd, "/dev/null",
                                          fd == 0 ? O_RDONLY : O_WRONLY, 0);
