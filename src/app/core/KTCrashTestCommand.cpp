@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "app/core/AppController.h"
+#include "catalogue/OutlineViewController.h"
 #include "diagnostics/KTCrashTestHost.h"
 #include "diagnostics/KTCrashTester.h"
 
@@ -81,7 +82,10 @@ int KTCrashTestCommand::run(AppController& app, const std::vector<std::string>& 
         SignalsCancel signals(tester.cancelFlag());
         outcome = tester.runCrashTest();
     }
+    // The reload after the test, and the bundle readings it started, end
+    // before the process does.
     app.waitForReload();
+    app.outlineViewController().waitForBundleInspection();
     switch (outcome) {
         case KTCrashTestOutcome::culpritFound:
             return kCulpritFound;
