@@ -48,8 +48,13 @@ struct CrashTestWorld : OperationsWorld {
         script += "i=0; while [ $i -lt 600 ]; do sleep 0.1; i=$((i+1)); done\n";
         return writeHost(identifier, script, bundle, 0755);
     }
-    std::string alwaysCrashingHost(const std::string& identifier) {
-        return writeHost(identifier, "#!/bin/sh\nkill -SEGV $$\n", "/Applications/Host.app", 0755);
+    /// Crashes at once, or after `delay` (e.g. "0.05" seconds, so that a
+    /// watcher has time to see each round).
+    std::string alwaysCrashingHost(const std::string& identifier, const std::string& delay = "") {
+        return writeHost(
+            identifier,
+            "#!/bin/sh\n" + (delay.empty() ? "" : "sleep " + delay + "\n") + "kill -SEGV $$\n",
+            "/Applications/Host.app", 0755);
     }
     std::string notExecutableHost(const std::string& identifier) {
         return writeHost(identifier, "#!/bin/sh\nexit 0\n", "/Applications/Host.app", 0644);

@@ -235,7 +235,7 @@ TEST(KTCrashTesterTest, CommandLineFindsTheCulpritInBothModesAndExitsWithTheOutc
 TEST(KTCrashTesterTest, SigintEndsTheCommandThroughTheCleanUp) {
     CrashTestWorld w;
     const auto plugs = w.fxPlugs(8);
-    w.alwaysCrashingHost("com.apple.FinalCutPro");
+    w.alwaysCrashingHost("com.apple.FinalCutPro", "0.05");
     const std::string out = w.scratch.base() + "/out.txt";
     const pid_t pid = startAmbrel({"-crashtest", "0"}, out);
     ASSERT_GT(pid, 0);
@@ -249,7 +249,7 @@ TEST(KTCrashTesterTest, SigintEndsTheCommandThroughTheCleanUp) {
 TEST(KTCrashTesterTest, TheNextStartEnablesWhatAKilledTestLeftDisabled) {
     CrashTestWorld w;
     const auto plugs = w.fxPlugs(8);
-    w.alwaysCrashingHost("com.apple.FinalCutPro");
+    w.alwaysCrashingHost("com.apple.FinalCutPro", "0.05");
     const std::string out = w.scratch.base() + "/out.txt";
     const pid_t pid = startAmbrel({"-crashtest", "0"}, out);
     ASSERT_GT(pid, 0);
