@@ -154,9 +154,10 @@ int halvingFinds(int n, const std::vector<int>& positions) {
 
 }  // namespace
 
-TEST(KTCrashTesterTest, HalvingFindsOneCulpritWhereverItIs) {
+TEST(KTCrashTesterTest, HalvingFindsTheFirstAndTheLastCandidate) {
     // Round 0, at most ceil(log2(12)) + 1 halvings, the proof.
-    for (int position : {0, 7, 11}) EXPECT_LE(halvingFinds(12, {position}), 7) << position;
+    // (One in the middle: the command-line test's.)
+    for (int position : {0, 11}) EXPECT_LE(halvingFinds(12, {position}), 7) << position;
 }
 
 TEST(KTCrashTesterTest, HalvingFindsEveryCulpritAndProvesThemTogether) {
