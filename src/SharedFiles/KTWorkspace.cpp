@@ -34,3 +34,24 @@ void KTWorkspace::setShared(std::shared_ptr<KTWorkspace> workspace) {
     if (sharedSlot()) retired.push_back(sharedSlot());
     sharedSlot() = std::move(workspace);
 }
+
+int KTWorkspace::addNoticeObserver(NoticeObserver observer) {
+    std::lock_guard<std::recursive_mutex> lock(observersMutex_);
+    const int token = nextObserverToken_++;
+    observers_.emplace(token, std::move(observer));
+    return token;
+}
+
+void KTWorkspace::removeNoticeObserver(int token) {
+    std::lock_guard<std::recursive_mutex> lock(observersMutex_);
+    observers_.erase(token);
+}
+
+void KTWorkspace::postNotice(const KTWorkspaceNotice& notice) {
+    std::lock_guard<std::recursive_mutex> lock(observersMutex_);
+    // A copy: an observer may remove itself (or another) while it runs.
+    const auto observers = observers_;
+    for (const auto& [token, observer] : observers) {
+        if (observers_.count(token)) observer(notice);
+    }
+}

@@ -1,8 +1,25 @@
 #pragma once
 
+#include <functional>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
+
+/// A notice of the application launcher: an application finished launching,
+/// or ended. Observers may be called on any thread.
+struct KTWorkspaceNotice {
+    enum class Kind { didLaunch, didTerminate };
+    Kind kind = Kind::didLaunch;
+    /// As the application's own Info.plist spells it.
+    std::string bundleIdentifier;
+    int processIdentifier = 0;
+};
+
+/// How a request to quit an application went.
+enum class KTTerminateResult { requested, notRunning, refused };
 
 /// The workspace seam: which applications this machine has. Lookups answer
 /// from a list the implementation keeps; `refreshApplications` rebuilds it,
@@ -25,9 +42,40 @@ class KTWorkspace {
         return absolutePathForAppBundleWithIdentifier(bundleIdentifier).has_value();
     }
 
+    // The application launcher. Hosts are found by identifier ignoring letter
+    // case, as the desktop finds them; the lookups above stay exact.
+
+    /// Starts the application; true when it was started ("did launch" is
+    /// posted by then). There is no hiding a window here.
+    virtual bool launchApplication(const std::string& bundleIdentifier) { return false; }
+    /// The bundle identifiers of the running applications, as spelt by each.
+    virtual std::vector<std::string> runningApplicationIdentifiers() { return {}; }
+    /// Asks the first running application with that identifier to quit.
+    virtual KTTerminateResult terminateApplication(const std::string& bundleIdentifier) {
+        return KTTerminateResult::notRunning;
+    }
+
+    using NoticeObserver = std::function<void(const KTWorkspaceNotice&)>;
+    /// Registers an observer of launch and termination notices; answers the
+    /// token that removes it. Once `removeNoticeObserver` has returned the
+    /// observer is not running and never runs again.
+    int addNoticeObserver(NoticeObserver observer);
+    void removeNoticeObserver(int token);
+
     /// The process-wide workspace (the Linux one unless a test replaced it).
     static KTWorkspace& shared();
     /// Replaces the process-wide workspace (a test's fake); null puts the
     /// default back. The replaced one is kept alive for references still held.
     static void setShared(std::shared_ptr<KTWorkspace> workspace);
+
+  protected:
+    /// Hands a notice to every observer, on the calling thread.
+    void postNotice(const KTWorkspaceNotice& notice);
+
+  private:
+    // Held while observers run, so that removal waits for a call in progress;
+    // recursive, so that an observer may remove itself.
+    std::recursive_mutex observersMutex_;
+    std::map<int, NoticeObserver> observers_;
+    int nextObserverToken_ = 1;
 };

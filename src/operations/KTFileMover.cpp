@@ -4,6 +4,8 @@
 #include <chrono>
 #include <thread>
 
+#include "SharedFiles/KTTimeScale.h"
+
 namespace {
 std::atomic<double> gPause{1.0};
 }  // namespace
@@ -15,5 +17,5 @@ void KTFileMover::setPrivilegedPauseSecondsForTesting(double seconds) {
     gPause = seconds;
 }
 void KTFileMover::pauseAfterPrivilegedStep() {
-    std::this_thread::sleep_for(std::chrono::duration<double>(gPause.load()));
+    std::this_thread::sleep_for(KTTimeScale::scaled(std::chrono::duration<double>(gPause.load())));
 }

@@ -6,12 +6,14 @@
 #include "SharedFiles/KTPreferences.h"
 #include "SharedFiles/KTUserInterface.h"
 #include "catalogue/OutlineViewController.h"
+#include "diagnostics/KTCrashTester.h"
 
 AppController::AppController() : hasGUI_(true) {
     KTLog::createNewLog();
     outline_ = std::make_unique<OutlineViewController>(this);
     registerDefaultPreferences();
     outline_->setHasGUI(true);
+    startCrashTester();
 }
 
 AppController::AppController(WithoutGUI) : hasGUI_(false) {
@@ -21,6 +23,7 @@ AppController::AppController(WithoutGUI) : hasGUI_(false) {
     outline_ = std::make_unique<OutlineViewController>(this);
     outline_->setHasGUI(false);
     registerDefaultPreferences();
+    startCrashTester();
 }
 
 std::unique_ptr<AppController> AppController::initWithoutGUI() {
@@ -33,6 +36,8 @@ std::unique_ptr<AppController> AppController::initWithoutGUI() {
 }
 
 AppController::~AppController() {
+    // A running test ends (through its clean-up) before anything it uses goes.
+    crashTester_.reset();
     waitForReload();
     std::lock_guard<std::mutex> l(reloadLock_);
 }

@@ -17,6 +17,7 @@
 #include "operations/KTInstallArgs.h"
 #include "operations/KTOperationArgs.h"
 
+class KTCrashTester;
 class KTGroupItem;
 class OutlineViewController;
 class KTUserInterface;
@@ -214,4 +215,24 @@ private:
     // Last member: destroyed first, so no batch outlives the tree it works on.
     KTBatchThreads batchThreads_;
     // ---- end of plug-in operations -------------------------------------------
+
+    // ---- Diagnostics: the crash tester --------------------------------------
+    // (src/diagnostics/KTCrashTester.*; entry points in AppControllerCrashTest.cpp)
+public:
+    KTCrashTester& crashTester() { return *crashTester_; }
+    /// The Run/Cancel button: starts a test on its own thread, or cancels it.
+    void runCrashTestClick();
+    /// The test on the calling thread (the command line's way).
+    void runCrashTest();
+    bool quitAppWithBundleID(const std::string& bundleIdentifier);
+    /// Enables the plug-ins of `list` the test disabled; reloads when asked.
+    void cleanupCrashTest(const std::vector<std::string>& list, bool reloadData = true);
+    void cleanupCrashTestNoReload(const std::vector<std::string>& list) {
+        cleanupCrashTest(list, false);
+    }
+
+private:
+    /// Made at start-up, which also undoes what an unfinished test left.
+    void startCrashTester();
+    std::unique_ptr<KTCrashTester> crashTester_;
 };

@@ -7,6 +7,7 @@
 
 #include "SharedFiles/KTLog.h"
 #include "app/core/AppController.h"
+#include "app/core/KTCrashTestCommand.h"
 #include "catalogue/KTItemArchive.h"
 #include "catalogue/KTPluginLocations.h"
 #include "catalogue/OutlineViewController.h"
@@ -14,7 +15,7 @@
 
 namespace {
 const char* const kVerbs[] = {"-install", "-enable", "-disable", "-remove", "-setaccess",
-                              "-allplugins", "-createinstaller", "-setappleid"};
+                              "-allplugins", "-createinstaller", "-setappleid", "-crashtest"};
 
 void writeAll(const std::string& bytes) {
     std::size_t done = 0;
@@ -53,7 +54,7 @@ std::string KTCommandLine::usage() {
            "       ambrel -setaccess scope [name]  move them to the folders of a scope: 0 all\n"
            "                                       users, 1 current user; without a name, every\n"
            "                                       plug-in\n" +
-           KTInstallerCommands::usage();
+           KTInstallerCommands::usage() + KTCrashTestCommand::usage();
 }
 
 int KTCommandLine::run(const std::vector<std::string>& args) {
@@ -71,6 +72,7 @@ int KTCommandLine::run(const std::vector<std::string>& args) {
     if (verb == "-setaccess") status = setAccess(*app, args);
     if (verb == "-install") status = install(*app, args);
     if (verb == "-createinstaller") status = KTInstallerCommands::createInstaller(*app, args);
+    if (verb == "-crashtest") status = KTCrashTestCommand::run(*app, args);
     // Everything the verb logged is on disk before the process ends.
     KTLog::finishWriting();
     return status;

@@ -33,6 +33,7 @@
 #include "SharedFiles/KTMainThread.h"
 #include "SharedFiles/KTPreferences.h"
 #include "app/core/AppController.h"
+#include "app/window/KTCrashTestDialog.h"
 #include "app/window/KTInstallerWindow.h"
 #include "app/window/KTOutlineModel.h"
 #include "app/window/KTPreferencesWindow.h"
@@ -297,6 +298,10 @@ void KTMainWindow::buildMenus() {
     refresh->setShortcut(QKeySequence::Refresh);
     plugins->addSeparator();
     plugins->addAction(adminAction_);
+    plugins->addSeparator();
+    auto* crashTester = new KTCrashTestDialog(app_, this);
+    plugins->addAction(QStringLiteral("Crash Tester..."), crashTester,
+                       &KTCrashTestDialog::crashLocateClick);
 }
 
 void KTMainWindow::buildToolbar() {
