@@ -10,6 +10,7 @@
 #include "SharedFiles/KTOperationQueue.h"
 #include "SharedFiles/KTPlist.h"
 #include "SharedFiles/KTPreferences.h"
+#include "SharedFiles/KTTimeScale.h"
 #include "analytics/KTCurlTransport.h"
 #include "analytics/KTOSVersion.h"
 
@@ -116,7 +117,9 @@ void KTQC::loadQC(KTQCQuestion& window) {
         return;
     }
     if (launchCount_ < 3) return;
-    window.ask(std::chrono::seconds(5), question(),
+    window.ask(std::chrono::duration_cast<std::chrono::milliseconds>(
+                   KTTimeScale::scaled(std::chrono::seconds(5))),
+               question(),
                [this, &window](int button) { questionAnswered(button, window); });
 }
 
