@@ -1,10 +1,16 @@
 #include "SharedFiles/linux/KTLinuxWorkspace.h"
 
+#include <gio/gio.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 
 #include "SharedFiles/KTLocalPaths.h"
+#include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTPlist.h"
+#include "SharedFiles/KTTaskEx.h"
 
 namespace fs = std::filesystem;
 
@@ -73,4 +79,63 @@ void KTLinuxWorkspace::refreshApplications() {
     std::lock_guard<std::mutex> lock(mutex_);
     loaded_ = false;
     applications_.clear();
+}
+
+bool KTLinuxWorkspace::showItemsOnSessionBus(const std::string& path) {
+    GError* error = nullptr;
+    // No address means no session: connecting would only try to start one.
+    if (!std::getenv("DBUS_SESSION_BUS_ADDRESS")) return false;
+    GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, &error);
+    if (!bus) {
+        KTLog::appendLog("Unable to reach the session bus. %@", std::string(error->message));
+        g_error_free(error);
+        return false;
+    }
+    gchar* uri = g_filename_to_uri(path.c_str(), nullptr, nullptr);
+    if (!uri) {
+        g_object_unref(bus);
+        return false;
+    }
+    const gchar* uris[] = {uri, nullptr};
+    // A file manager that is not running is started by the bus; a short
+    // wait keeps a missing one from holding the window.
+    GVariant* reply = g_dbus_connection_call_sync(
+        bus, "org.freedesktop.FileManager1", "/org/freedesktop/FileManager1",
+        "org.freedesktop.FileManager1", "ShowItems", g_variant_new("(^ass)", uris, ""), nullptr,
+        G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
+    g_free(uri);
+    g_object_unref(bus);
+    if (!reply) {
+        KTLog::appendLog("No file manager answered on the session bus. %@",
+                         std::string(error->message));
+        g_error_free(error);
+        return false;
+    }
+    g_variant_unref(reply);
+    return true;
+}
+
+bool KTLinuxWorkspace::openContainingFolder(const std::string& path) {
+    const std::string folder = fs::path(path).parent_path().string();
+    const char* searchPath = std::getenv("PATH");
+    std::string list = searchPath ? searchPath : "/usr/local/bin:/usr/bin:/bin";
+    std::size_t start = 0;
+    while (start <= list.size()) {
+        std::size_t end = list.find(':', start);
+        if (end == std::string::npos) end = list.size();
+        const std::string dir = list.substr(start, end - start);
+        start = end + 1;
+        if (dir.empty()) continue;
+        const std::string opener = dir + "/xdg-open";
+        if (::access(opener.c_str(), X_OK) != 0) continue;
+        KTTaskEx::runTaskAndReturn(opener, {folder});
+        return true;
+    }
+    KTLog::appendLog("Unable to show %@ - no file manager and no xdg-open.", path);
+    return false;
+}
+
+bool KTLinuxWorkspace::selectFile(const std::string& path) {
+    if (path.empty()) return false;
+    return showItemsOnSessionBus(path) || openContainingFolder(path);
 }

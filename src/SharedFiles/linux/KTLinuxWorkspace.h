@@ -13,11 +13,22 @@
 /// or a vendor's folder holds them), each known by the CFBundleIdentifier of
 /// its Contents/Info.plist. The list is read on the first lookup after a
 /// refresh and kept; lookups from several threads are safe.
+///
+/// A file is shown through the freedesktop file-manager interface
+/// (org.freedesktop.FileManager1 ShowItems on the session bus), which opens
+/// its folder with the file selected; without a bus or a file manager that
+/// serves it, the folder is handed to xdg-open.
 class KTLinuxWorkspace : public KTWorkspace {
   public:
     std::optional<std::string> absolutePathForAppBundleWithIdentifier(
         const std::string& bundleIdentifier) override;
     void refreshApplications() override;
+    bool selectFile(const std::string& path) override;
+
+    /// The ShowItems call alone: true when a file manager answered it.
+    static bool showItemsOnSessionBus(const std::string& path);
+    /// xdg-open of the folder holding `path`, found on PATH: true when started.
+    static bool openContainingFolder(const std::string& path);
 
     /// The folders searched, machine-wide first.
     static std::vector<std::string> applicationFolders();
