@@ -85,7 +85,17 @@ bool KTLinuxWorkspace::showItemsOnSessionBus(const std::string& path) {
     GError* error = nullptr;
     // No address means no session: connecting would only try to start one.
     if (!std::getenv("DBUS_SESSION_BUS_ADDRESS")) return false;
-    GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, &error);
+    // A connection of its own, closed afterwards: nothing stays attached to
+    // the bus between two clicks, and the address is the one set now.
+    gchar* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SESSION, nullptr, &error);
+    GDBusConnection* bus =
+        address ? g_dbus_connection_new_for_address_sync(
+                      address,
+                      GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+                      nullptr, nullptr, &error)
+                : nullptr;
+    g_free(address);
     if (!bus) {
         KTLog::appendLog("Unable to reach the session bus. %@", std::string(error->message));
         g_error_free(error);
@@ -93,6 +103,7 @@ bool KTLinuxWorkspace::showItemsOnSessionBus(const std::string& path) {
     }
     gchar* uri = g_filename_to_uri(path.c_str(), nullptr, nullptr);
     if (!uri) {
+        g_dbus_connection_close_sync(bus, nullptr, nullptr);
         g_object_unref(bus);
         return false;
     }
@@ -104,6 +115,7 @@ bool KTLinuxWorkspace::showItemsOnSessionBus(const std::string& path) {
         "org.freedesktop.FileManager1", "ShowItems", g_variant_new("(^ass)", uris, ""), nullptr,
         G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
     g_free(uri);
+    g_dbus_connection_close_sync(bus, nullptr, nullptr);
     g_object_unref(bus);
     if (!reply) {
         KTLog::appendLog("No file manager answered on the session bus. %@",

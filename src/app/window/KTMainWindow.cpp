@@ -582,13 +582,23 @@ void KTMainWindow::groupExpanded(const QModelIndex& index, bool expanded) {
 }
 
 KTItemList KTMainWindow::selectedItems() const {
-    QModelIndexList rows = tree_->selectionModel()->selectedRows(0);
-    // Row order as shown, not the order of clicking.
-    std::sort(rows.begin(), rows.end(), [this](const QModelIndex& a, const QModelIndex& b) {
-        return tree_->visualRect(a).top() < tree_->visualRect(b).top();
-    });
+    const QModelIndexList rows = tree_->selectionModel()->selectedRows(0);
+    // Row order as shown, not the order of clicking: the rows from the top
+    // of the tree down to each item, compared like words (asking the view
+    // where each row is drawn costs too much with thousands selected).
+    std::vector<std::pair<std::vector<int>, QModelIndex>> keyed;
+    keyed.reserve(rows.size());
+    for (const QModelIndex& index : rows) {
+        std::vector<int> key;
+        for (QModelIndex i = index; i.isValid(); i = i.parent()) key.push_back(i.row());
+        std::reverse(key.begin(), key.end());
+        keyed.emplace_back(std::move(key), index);
+    }
+    std::sort(keyed.begin(), keyed.end(),
+              [](const auto& a, const auto& b) { return a.first < b.first; });
     KTItemList items;
-    for (const QModelIndex& index : rows)
+    items.reserve(keyed.size());
+    for (const auto& [key, index] : keyed)
         if (KTItemPtr item = model_->itemForIndex(index)) items.push_back(item);
     return items;
 }

@@ -1,0 +1,128 @@
+// Drives the window offscreen over the tree named by AMBREL_ROOT and HOME and
+// prints one line of figures (key=value), which scripts/bench --window reads:
+//
+//   shown_ms     from the start of main to the catalogue shown in the outline
+//   settled_ms   until the bundle details are in and the rows sorted again
+//   key_max_ms   the slowest keystroke in the search field (the event handled)
+//   filter_ms    the slowest filtering pass after a pause in the typing
+//   typed_ms     the slowest keystroke-to-result time (the pause included)
+//   clear_ms     clearing the search: the whole tree back with its groups
+//   select_ms    Select All, with the toolbar following the selection
+//   rss_mb       resident memory with the catalogue shown (and hwm_mb, the peak)
+#include <QAction>
+#include <QApplication>
+#include <QElapsedTimer>
+#include <QLineEdit>
+#include <QSignalSpy>
+#include <QTest>
+#include <QTreeView>
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <string>
+
+#include "SharedFiles/KTLog.h"
+#include "SharedFiles/KTMainThread.h"
+#include "app/core/AppController.h"
+#include "app/window/KTMainWindow.h"
+#include "app/window/KTOutlineModel.h"
+#include "app/window/KTOutlineSearch.h"
+#include "app/window/KTQtMainThread.h"
+#include "catalogue/OutlineViewController.h"
+
+namespace {
+
+double statusMB(const char* field) {
+    std::ifstream in("/proc/self/status");
+    for (std::string line; std::getline(in, line);)
+        if (line.rfind(field, 0) == 0)
+            return std::stod(line.substr(std::string(field).size())) / 1024.0;
+    return 0;
+}
+
+double ms(const QElapsedTimer& t) {
+    return t.nsecsElapsed() / 1e6;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    QElapsedTimer sinceStart;
+    sinceStart.start();
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
+    QApplication qapp(argc, argv);
+    KTMainThread::setShared(std::make_shared<KTQtMainThread>());
+    const QString query = argc > 1 ? QString::fromLocal8Bit(argv[1]) : QStringLiteral("plug");
+
+    double shown = 0, settled = 0, keyMax = 0, filter = 0, typedMax = 0, clear = 0, select = 0,
+           rss = 0;
+    long rows = 0, matches = 0;
+    {
+        AppController app;
+        KTMainWindow window(app);
+        window.resize(1000, 640);
+        window.show();
+        QSignalSpy shownSpy(&window, &KTMainWindow::catalogueShown);
+        app.reloadData();
+        if (!shownSpy.wait(600000)) {
+            std::fprintf(stderr, "window-bench: the catalogue was never shown\n");
+            return 1;
+        }
+        shown = ms(sinceStart);
+        window.waitForBackgroundWork();
+        app.outlineViewController().waitForBundleInspection();
+        window.waitForBackgroundWork();
+        QApplication::processEvents();
+        settled = ms(sinceStart);
+        rows = window.model()->shownPluginCount();
+        rss = statusMB("VmRSS:");
+
+        // Typing the query a letter at a time, as a person does: each key
+        // event alone, then the filter when the pause has passed.
+        QLineEdit* field = window.searchField();
+        field->setFocus();
+        for (QChar c : query) {
+            QElapsedTimer t;
+            t.start();
+            QTest::keyClick(field, c.toLatin1());
+            keyMax = std::max(keyMax, ms(t));
+            while (window.outlineSearch()->isPending())
+                QApplication::processEvents(QEventLoop::WaitForMoreEvents, 5);
+            typedMax = std::max(typedMax, ms(t));
+        }
+        // The pass itself, without the pause: the same text once more.
+        {
+            QElapsedTimer f;
+            f.start();
+            window.outlineSearch()->applyNow();
+            QApplication::processEvents();
+            filter = ms(f);
+        }
+        matches = window.model()->shownPluginCount();
+        {
+            QElapsedTimer t;
+            t.start();
+            field->clear();
+            window.outlineSearch()->applyNow();
+            QApplication::processEvents();
+            clear = ms(t);
+        }
+        {
+            QElapsedTimer t;
+            t.start();
+            window.outline()->selectAll();
+            QApplication::processEvents();
+            select = ms(t);
+        }
+        window.waitForBackgroundWork();
+    }
+    std::printf(
+        "plugins=%ld shown_ms=%.0f settled_ms=%.0f key_max_ms=%.1f filter_ms=%.1f typed_ms=%.1f "
+        "clear_ms=%.1f select_ms=%.1f rss_mb=%.1f hwm_mb=%.1f query=%s matches=%ld\n",
+        rows, shown, settled, keyMax, filter, typedMax, clear, select, rss, statusMB("VmHWM:"),
+        query.toLocal8Bit().constData(), matches);
+    KTMainThread::setShared(std::make_shared<KTInlineMainThread>());
+    KTLog::finishWriting();
+    return 0;
+}
