@@ -57,6 +57,7 @@ int main(int argc, char** argv) {
 
     double shown = 0, settled = 0, keyMax = 0, filter = 0, typedMax = 0, clear = 0, select = 0,
            rss = 0;
+    double partFilter = 0, partRows = 0, partExpand = 0, partPaint = 0;
     long rows = 0, matches = 0;
     {
         AppController app;
@@ -100,6 +101,22 @@ int main(int argc, char** argv) {
             filter = ms(f);
         }
         matches = window.model()->shownPluginCount();
+        // The pass in its parts: the controller's filter, the rows, the groups opened.
+        {
+            QElapsedTimer t;
+            t.start();
+            window.outlineSearch()->setControllerText();
+            partFilter = ms(t);
+            t.restart();
+            window.model()->resetFromController();
+            partRows = ms(t);
+            t.restart();
+            window.outlineSearch()->showResult();
+            partExpand = ms(t);
+            t.restart();
+            QApplication::processEvents();
+            partPaint = ms(t);
+        }
         {
             QElapsedTimer t;
             t.start();
@@ -119,9 +136,10 @@ int main(int argc, char** argv) {
     }
     std::printf(
         "plugins=%ld shown_ms=%.0f settled_ms=%.0f key_max_ms=%.1f filter_ms=%.1f typed_ms=%.1f "
-        "clear_ms=%.1f select_ms=%.1f rss_mb=%.1f hwm_mb=%.1f query=%s matches=%ld\n",
+        "clear_ms=%.1f select_ms=%.1f rss_mb=%.1f hwm_mb=%.1f query=%s matches=%ld "
+        "part_filter_ms=%.1f part_rows_ms=%.1f part_expand_ms=%.1f part_paint_ms=%.1f\n",
         rows, shown, settled, keyMax, filter, typedMax, clear, select, rss, statusMB("VmHWM:"),
-        query.toLocal8Bit().constData(), matches);
+        query.toLocal8Bit().constData(), matches, partFilter, partRows, partExpand, partPaint);
     KTMainThread::setShared(std::make_shared<KTInlineMainThread>());
     KTLog::finishWriting();
     return 0;

@@ -18,7 +18,7 @@ class KTOutlineSearch : public QObject {
     Q_OBJECT
   public:
     /// The pause after the last keystroke before the filter runs.
-    static constexpr int kDelayMs = 60;
+    static constexpr int kDelayMs = 50;
 
     KTOutlineSearch(OutlineViewController& controller, KTOutlineModel& model, QTreeView& tree,
                     QObject* parent = nullptr);
