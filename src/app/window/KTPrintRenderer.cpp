@@ -7,9 +7,12 @@
 #include <QPainter>
 #include <QPrinter>
 #include <QRegularExpression>
+#include <QTextBlock>
+#include <QTextCursor>
 #include <QTextDocument>
 #include <QTextFrame>
 #include <QTextFrameFormat>
+#include <QTextTable>
 
 QString KTPrintRenderer::withImpliedTableRows(const QString& html) {
     // Tags only; text between them is copied as it is.
@@ -50,6 +53,20 @@ bool KTPrintRenderer::print(const QString& html, const QString& jobTitle, QPrint
     printer.setDocName(jobTitle);
     QTextDocument document;
     document.setHtml(withImpliedTableRows(html));
+    // Qt's rich text takes a table's width from its attribute only; a style
+    // sheet that stretches tables to the page is honoured here.
+    static const QRegularExpression fullWidth(QStringLiteral("table\\s*\\{[^}]*width\\s*:\\s*100%"),
+                                              QRegularExpression::CaseInsensitiveOption);
+    if (fullWidth.match(html).hasMatch()) {
+        for (QTextBlock block = document.begin(); block.isValid(); block = block.next()) {
+            QTextTable* table = QTextCursor(block).currentTable();
+            if (!table) continue;
+            QTextTableFormat format = table->format();
+            if (format.width().type() == QTextLength::PercentageLength) continue;
+            format.setWidth(QTextLength(QTextLength::PercentageLength, 100));
+            table->setFormat(format);
+        }
+    }
 
     QPainter painter;
     if (!painter.begin(&printer)) return false;
