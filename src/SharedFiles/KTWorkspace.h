@@ -21,7 +21,8 @@ struct KTWorkspaceNotice {
 /// How a request to quit an application went.
 enum class KTTerminateResult { requested, notRunning, refused };
 
-/// The workspace seam: which applications this machine has. Lookups answer
+/// The workspace seam: which applications this machine has, and showing a
+/// file in the desktop's file manager. Application lookups answer
 /// from a list the implementation keeps; `refreshApplications` rebuilds it,
 /// so callers refresh once per catalogue load or folder-table build and then
 /// ask as often as they like without touching the disk again.
@@ -36,6 +37,11 @@ class KTWorkspace {
 
     /// Forgets the list of applications; the next lookup reads the disk afresh.
     virtual void refreshApplications() = 0;
+
+    /// Opens the folder holding `path` in the file manager, with `path`
+    /// selected where the file manager can do that. True when a file manager
+    /// (or the desktop's opener) was reached. The default reaches none.
+    virtual bool selectFile(const std::string& path) { return false; }
 
     /// True when an application with that identifier is known.
     bool knowsApplication(const std::string& bundleIdentifier) {

@@ -1,16 +1,21 @@
 // The main window under Qt's offscreen platform, over scratch trees: the
 // outline's rows, sorting and expansion across reloads, check boxes that move
-// plug-ins on disk, drags and drops, the printed list, and the interface seam
-// answering a worker thread.
+// plug-ins on disk, drags and drops through the view, the search, the printed
+// list read back from PDF, the context menu, and the interface seam answering
+// a worker thread.
 #include <QAbstractButton>
+#include <QAccessible>
 #include <QApplication>
+#include <QClipboard>
 #include <QComboBox>
 #include <QDialog>
 #include <QHeaderView>
 #include <QLabel>
 #include <QLineEdit>
+#include <QMenu>
 #include <QMessageBox>
 #include <QMimeData>
+#include <QPrinter>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QRadioButton>
@@ -24,6 +29,8 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <regex>
+#include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -31,9 +38,13 @@
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTMainThread.h"
 #include "SharedFiles/KTPreferences.h"
+#include "SharedFiles/KTWorkspace.h"
 #include "app/core/AppController.h"
 #include "app/window/KTMainWindow.h"
+#include "app/window/KTOutlineContextMenu.h"
 #include "app/window/KTOutlineModel.h"
+#include "app/window/KTOutlineSearch.h"
+#include "app/window/KTPrintRenderer.h"
 #include "app/window/KTQtMainThread.h"
 #include "app/window/KTQtUserInterface.h"
 #include "catalogue/KTItemArchive.h"
@@ -42,6 +53,7 @@
 #include "catalogue/OutlineViewController.h"
 #include "installer/KTPluginListExport.h"
 #include "operations/KTFileMover.h"
+#include "support/ChildProcess.h"
 #include "support/ScratchRoot.h"
 
 namespace fs = std::filesystem;
@@ -142,6 +154,11 @@ class MainWindowTest : public ::testing::Test {
             names << cell(model().index(r, 0), Col::colName);
         return names;
     }
+    /// Types into the search field and waits for the filter to run.
+    void search(const QString& text) {
+        window->searchField()->setText(text);
+        ASSERT_TRUE(waitUntil([&] { return !window->outlineSearch()->isPending(); }));
+    }
     QModelIndex row(const std::string& name, const QModelIndex& parent = {}) {
         for (int r = 0; r < model().rowCount(parent); ++r) {
             QModelIndex i = model().index(r, 0, parent);
@@ -149,6 +166,33 @@ class MainWindowTest : public ::testing::Test {
             if (QModelIndex inner = row(name, i); inner.isValid()) return inner;
         }
         return {};
+    }
+
+    /// Drags `data` over the middle of `target`'s row and drops it there, as
+    /// the mouse would; true when the view took the drop.
+    bool dropOnRow(const QModelIndex& target, const QMimeData* data, Qt::DropAction action) {
+        QTreeView* tree = window->outline();
+        if (target.parent().isValid()) tree->expand(target.parent());
+        tree->scrollTo(target);
+        QWidget* viewport = tree->viewport();
+        const QPoint at = tree->visualRect(target).center();
+        const Qt::DropActions actions = Qt::CopyAction | Qt::MoveAction;
+        QDragEnterEvent enter(at, actions, data, Qt::LeftButton, {});
+        enter.setDropAction(action);
+        QApplication::sendEvent(viewport, &enter);
+        QDragMoveEvent move(at, actions, data, Qt::LeftButton, {});
+        move.setDropAction(action);
+        QApplication::sendEvent(viewport, &move);
+        QDropEvent drop(QPointF(at), actions, data, Qt::LeftButton, {});
+        drop.setDropAction(action);
+        QApplication::sendEvent(viewport, &drop);
+        return drop.isAccepted();
+    }
+    void selectRows(std::initializer_list<const char*> names) {
+        QItemSelection selection;
+        for (const char* name : names)
+            selection.select(row(name), row(name).siblingAtColumn(Col::colUser));
+        window->outline()->selectionModel()->select(selection, QItemSelectionModel::ClearAndSelect);
     }
 
     ScratchRoot scratch;
@@ -185,11 +229,13 @@ TEST_F(MainWindowTest, RowsOfAScratchTreeAndTheCountLine) {
     EXPECT_TRUE(model().flags(glow.siblingAtColumn(Col::colStatus)) & Qt::ItemIsUserCheckable);
 
     // The search shows the filtered tree; clearing it brings the whole back.
-    window->searchField()->setText("bl");
+    search("bl");
     EXPECT_EQ(topNames(), (QStringList{"Pack"}));
     EXPECT_EQ(model().rowCount(row("Pack")), 1);
-    window->searchField()->clear();
+    EXPECT_EQ(window->countLine()->text(), "1 of 5 plugins shown");
+    search("");
     EXPECT_EQ(topNames().size(), 4);
+    EXPECT_EQ(window->countLine()->text(), "5 plugins, 4 enabled");
 }
 
 TEST_F(MainWindowTest, SortingSelectionAndExpandedGroupsSurviveAReload) {
@@ -375,7 +421,9 @@ TEST_F(MainWindowTest, FilesDroppedOnAPluginRowInstallIntoItsGroup) {
     auto* data = new QMimeData;
     data->setUrls({QUrl::fromLocalFile(QString::fromStdString(incoming + "/Fresh.fxplug"))});
     std::unique_ptr<QMimeData> drop(data);
-    ASSERT_TRUE(model().dropMimeData(drop.get(), Qt::CopyAction, -1, -1, blur));
+    selectRows({"Glow", "Hum"});
+    // Through the view, as the mouse drops it: the middle of Blur's row is Blur.
+    ASSERT_TRUE(dropOnRow(blur, drop.get(), Qt::CopyAction));
     // The dropped-on row alone is selected: the installation targets its group.
     ASSERT_EQ(window->selectedItems().size(), 1u);
     EXPECT_EQ(window->selectedItems()[0]->sortName(), "Blur");
@@ -532,4 +580,285 @@ TEST_F(MainWindowTest, AWorkersQuestionWaitsForTheAnswerAndCancelReachesTheBatch
     EXPECT_TRUE(app->processingCancelled());
     app->endProgressWindow();
     EXPECT_FALSE(ui.progressSheet()->isVisible());
+}
+
+TEST_F(MainWindowTest, RowsDroppedOnAPluginRowChangeNothingAndOnAGroupRowMoveIn) {
+    open();
+    auto disk = [&] {
+        std::vector<std::string> paths;
+        for (const auto& e : fs::recursive_directory_iterator(scratch.base()))
+            if (e.path().extension() == ".fxplug" || e.path().extension() == ".component")
+                paths.push_back(e.path().string());
+        std::sort(paths.begin(), paths.end());
+        return paths;
+    };
+    const auto before = disk();
+    // Onto a plug-in inside a group, and onto a plug-in at the top level
+    // (whose "parent" would be the kind folder): both refused.
+    std::unique_ptr<QMimeData> glowDrag(model().mimeData({row("Glow")}));
+    EXPECT_FALSE(dropOnRow(row("Blur"), glowDrag.get(), Qt::MoveAction));
+    std::unique_ptr<QMimeData> blurDrag(model().mimeData({row("Blur")}));
+    EXPECT_FALSE(dropOnRow(row("Glow"), blurDrag.get(), Qt::MoveAction));
+    window->waitForBackgroundWork();
+    EXPECT_EQ(disk(), before);
+    EXPECT_TRUE(row("Blur").parent().isValid());
+
+    // The same drag onto the group's row moves the plug-in into the group.
+    EXPECT_TRUE(dropOnRow(row("Pack"), glowDrag.get(), Qt::MoveAction));
+    ASSERT_TRUE(waitUntil([&] { return fs::exists(fx + "/Pack/Glow.fxplug"); }));
+    window->waitForBackgroundWork();
+    EXPECT_FALSE(fs::exists(fx + "/Glow.fxplug"));
+}
+
+TEST_F(MainWindowTest, SearchAndClearLeaveExpandedItemsAsTheUserLeftIt) {
+    makeBundle(fx + "/Kit/Blaze.fxplug", "Blaze", "1.0");
+    makeBundle(fx + "/Kit/Ember.fxplug", "Ember", "1.0");
+    open();
+    QTreeView* tree = window->outline();
+    tree->expand(row("Pack"));
+    const std::vector<std::string> userChoice{"Pack"};
+    ASSERT_EQ(KTPreferences::standard().stringArrayForKey("expandedItems"), userChoice);
+
+    // Keystrokes in quick succession filter once, when the typing pauses.
+    QSignalSpy resets(&model(), &QAbstractItemModel::modelReset);
+    for (const char* typed : {"b", "bl", "bla"}) window->searchField()->setText(typed);
+    ASSERT_TRUE(waitUntil([&] { return !window->outlineSearch()->isPending(); }));
+    EXPECT_EQ(resets.count(), 1);
+    EXPECT_EQ(window->countLine()->text(), "1 of 7 plugins shown");
+    search("bl");
+    EXPECT_TRUE(tree->isExpanded(row("Kit")));
+    EXPECT_TRUE(tree->isExpanded(row("Pack")));
+    EXPECT_EQ(window->countLine()->text(), "2 of 7 plugins shown");
+    EXPECT_EQ(KTPreferences::standard().stringArrayForKey("expandedItems"), userChoice);
+
+    search("");
+    EXPECT_FALSE(tree->isExpanded(row("Kit")));
+    EXPECT_TRUE(tree->isExpanded(row("Pack")));
+    EXPECT_EQ(KTPreferences::standard().stringArrayForKey("expandedItems"), userChoice);
+    EXPECT_EQ(window->countLine()->text(), "7 plugins, 6 enabled");
+
+    // What the user opens is still remembered, across a reload.
+    tree->expand(row("Kit"));
+    reload();
+    EXPECT_TRUE(tree->isExpanded(row("Kit")));
+    EXPECT_EQ(KTPreferences::standard().stringArrayForKey("expandedItems"),
+              (std::vector<std::string>{"Pack", "Kit"}));
+}
+
+TEST_F(MainWindowTest, ThePrintedListHasNameAndTypeSideBySideUnderAPageHeader) {
+    // Qt's rich text alone would stack the header cells: the renderer adds
+    // the row a browser implies, and leaves written rows alone.
+    EXPECT_EQ(KTPrintRenderer::withImpliedTableRows(
+                  "<table><thead><th>Name</th><TH>Type</TH></thead><tbody><tr><td>a</td></tr>"
+                  "<td>b</td></tbody></table>"),
+              "<table><thead><tr><th>Name</th><TH>Type</TH></tr></thead><tbody><tr><td>a</td>"
+              "</tr><tr><td>b</td></tr></tbody></table>");
+
+    if (!fs::exists("/usr/bin/pdftotext")) GTEST_SKIP() << "pdftotext (poppler-utils) is missing";
+    // Enough plug-ins for a second page.
+    for (int i = 0; i < 70; ++i)
+        makeBundle(fx + "/Many/Plug" + std::to_string(100 + i) + ".fxplug",
+                   "Plug" + std::to_string(100 + i), "1.0");
+    open();
+    const std::string pdf = scratch.base() + "/list.pdf";
+    {
+        QPrinter printer(QPrinter::HighResolution);
+        printer.setOutputFormat(QPrinter::PdfFormat);
+        printer.setOutputFileName(QString::fromStdString(pdf));
+        ASSERT_TRUE(window->printPluginListOn(printer));
+    }
+    const ChildProcess text = ChildProcess::run({"/usr/bin/pdftotext", "-layout", pdf, "-"});
+    ASSERT_EQ(text.exitCode, 0) << text.err;
+    std::vector<std::string> lines;
+    std::istringstream in(text.out);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    auto lineWith = [&](const std::string& first, const std::string& second) {
+        const std::regex pattern("(^|\\s)" + first + "\\s+" + second + "\\s*$");
+        return std::count_if(lines.begin(), lines.end(),
+                             [&](const std::string& l) { return std::regex_search(l, pattern); });
+    };
+    EXPECT_GE(lineWith("Name", "Type"), 1);
+    for (const auto& plugin : app->outlineViewController().allPlugins())
+        EXPECT_EQ(lineWith(plugin->shortName(), plugin->pluginTypeName()), 1)
+            << plugin->shortName();
+    // Every page is headed by the job title and footed by its number.
+    const auto pages = std::count(text.out.begin(), text.out.end(), '\f');
+    ASSERT_GE(pages, 2);
+    EXPECT_EQ(lineWith("Ambrel Plugin List", ".*"), pages);
+    EXPECT_EQ(lineWith("Page 2 of", "[0-9]+"), 1);
+}
+
+TEST_F(MainWindowTest, TheContextMenuActsOnTheRowItWasOpenedOn) {
+    struct RecordingWorkspace : KTWorkspace {
+        std::vector<std::string> shown;
+        std::optional<std::string> absolutePathForAppBundleWithIdentifier(
+            const std::string&) override {
+            return std::nullopt;
+        }
+        void refreshApplications() override {}
+        bool selectFile(const std::string& path) override {
+            shown.push_back(path);
+            return true;
+        }
+    };
+    auto workspace = std::make_shared<RecordingWorkspace>();
+    KTWorkspace::setShared(workspace);
+    open();
+    KTOutlineContextMenu& menu = *window->contextMenu();
+    QTreeView* tree = window->outline();
+    auto openOn = [&](const char* name) {
+        QModelIndex index = row(name);
+        if (index.parent().isValid()) tree->expand(index.parent());
+        tree->scrollTo(index);
+        QMenu* shown = menu.menuAt(tree->visualRect(index).center());
+        EXPECT_NE(shown, nullptr);
+        return shown;
+    };
+    auto command = [&](QMenu* m, const QString& text) -> QAction* {
+        for (QAction* a : m->actions())
+            if (a->text() == text) return a;
+        ADD_FAILURE() << "no command " << text.toStdString();
+        static QAction none;
+        return &none;
+    };
+
+    // Opened on a row outside the selection: that row alone is acted on.
+    selectRows({"Hum", "Dim"});
+    QMenu* m = openOn("Glow");
+    ASSERT_EQ(window->selectedItems().size(), 1u);
+    command(m, "Disable")->trigger();
+    const std::string disabledGlow =
+        KTPluginLocations::disabledPath() + "/Library/Plug-Ins/FxPlug/Glow.fxplug";
+    ASSERT_TRUE(waitUntil([&] { return fs::exists(disabledGlow); }));
+    window->waitForBackgroundWork();
+    EXPECT_TRUE(fs::exists(scratch.homePath("/Library/Audio/Plug-Ins/Components/Hum.component")));
+
+    m = openOn("Hum");
+    command(m, "All Users")->trigger();
+    ASSERT_TRUE(waitUntil([&] {
+        return fs::exists(scratch.rootPath("/Library/Audio/Plug-Ins/Components/Hum.component"));
+    }));
+    window->waitForBackgroundWork();
+
+    m = openOn("Blur");
+    command(m, "Show in File Manager")->trigger();
+    command(m, "Copy Path")->trigger();
+    EXPECT_EQ(workspace->shown, std::vector<std::string>{fx + "/Pack/Blur.fxplug"});
+    EXPECT_EQ(QApplication::clipboard()->text().toStdString(), fx + "/Pack/Blur.fxplug");
+    command(m, "Add Group")->trigger();
+    EXPECT_TRUE(fs::is_directory(fx + "/Pack/Group"));
+    window->waitForBackgroundWork();
+
+    // Rename opens the group's name for typing.
+    m = openOn("Pack");
+    command(m, "Rename Group")->trigger();
+    auto* editor = qobject_cast<QLineEdit*>(tree->indexWidget(row("Pack")));
+    ASSERT_NE(editor, nullptr);
+    editor->setText("Bundle");
+    QTest::keyClick(editor, Qt::Key_Return);
+    ASSERT_TRUE(waitUntil([&] { return fs::is_directory(fx + "/Bundle/Blur.fxplug"); }));
+    window->waitForBackgroundWork();
+
+    // Remove asks first, then moves to the Trash.
+    QTimer answerer;
+    answerer.setInterval(20);
+    QObject::connect(&answerer, &QTimer::timeout, [&] {
+        auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+        if (!box) return;
+        answerer.stop();
+        for (QAbstractButton* b : box->buttons())
+            if (b->text() == "Remove") b->click();
+    });
+    answerer.start();
+    m = openOn("Dim");
+    command(m, "Remove")->trigger();
+    ASSERT_TRUE(waitUntil([&] {
+        return !fs::exists(KTPluginLocations::disabledPath() +
+                           "/Library/Plug-Ins/FxPlug/Dim.fxplug");
+    }));
+    window->waitForBackgroundWork();
+    EXPECT_TRUE(fs::exists(scratch.homePath("/.local/share/Trash/files/Dim.fxplug")));
+    KTWorkspace::setShared(nullptr);
+}
+
+TEST_F(MainWindowTest, DuringAReloadNothingHalfBuiltShowsAndGroupsCannotBeAdded) {
+    open();
+    KTQtUserInterface& ui = window->userInterface();
+    auto started = ui.onReloadStarted;
+    bool checked = false;
+    ui.onReloadStarted = [&] {
+        started();
+        checked = true;
+        EXPECT_FALSE(window->addGroupAction()->isEnabled());
+        EXPECT_FALSE(window->installAction()->isEnabled());
+        // An operation asking for a redraw while the scan runs gets empty rows.
+        window->reloadOutline();
+        EXPECT_EQ(model().rowCount(), 0);
+    };
+    reload();
+    EXPECT_TRUE(checked);
+    EXPECT_TRUE(window->addGroupAction()->isEnabled());
+    EXPECT_TRUE(window->installAction()->isEnabled());
+    EXPECT_EQ(model().rowCount(), 4);
+}
+
+TEST_F(MainWindowTest, KeyboardScreenReadersAndAStillToolbar) {
+    makeBundle(
+        scratch.rootPath("/Applications/Avid Media Composer/SupportingFiles/AVX_Plug-Ins/Cut.avx"),
+        "Cut", "1.0");
+    open();
+    // Ctrl+F goes to the search field.
+    QApplication::setActiveWindow(window.get());
+    ASSERT_TRUE(QTest::qWaitForWindowActive(window.get()));
+    window->outline()->setFocus();
+    QTest::keyClick(window.get(), Qt::Key_F, Qt::ControlModifier);
+    EXPECT_TRUE(window->searchField()->hasFocus())
+        << (QApplication::focusWidget() ? QApplication::focusWidget()->metaObject()->className()
+                                        : "none")
+        << " active " << (QApplication::activeWindow() == window.get());
+
+    // Every control has a name a screen reader can say.
+    for (QWidget* w : window->findChildren<QWidget*>()) {
+        if (!w->isVisible() || !(qobject_cast<QAbstractButton*>(w) || qobject_cast<QComboBox*>(w) ||
+                                 qobject_cast<QLineEdit*>(w) || qobject_cast<QTreeView*>(w) ||
+                                 qobject_cast<QLabel*>(w)))
+            continue;
+        QAccessibleInterface* a = QAccessible::queryAccessibleInterface(w);
+        ASSERT_NE(a, nullptr);
+        EXPECT_FALSE(a->text(QAccessible::Name).isEmpty()) << w->metaObject()->className();
+    }
+    for (int c = 0; c < Col::columnCount_; ++c)
+        EXPECT_FALSE(model().headerData(c, Qt::Horizontal, Qt::DisplayRole).toString().isEmpty());
+    EXPECT_EQ(cell(row("Glow"), Col::colStatus, Qt::AccessibleTextRole), "Enabled");
+
+    // Boxes that cannot be clicked are drawn disabled and say why.
+    QModelIndex haze = row("Haze"), cut = row("Cut");
+    ASSERT_TRUE(cut.isValid());
+    EXPECT_TRUE(model()
+                    .data(haze.siblingAtColumn(Col::colStatus), KTOutlineModel::kCheckFixedRole)
+                    .toBool());
+    EXPECT_TRUE(cell(haze, Col::colStatus, Qt::ToolTipRole).startsWith("Locked"));
+    EXPECT_TRUE(
+        model().data(cut.siblingAtColumn(Col::colUser), KTOutlineModel::kCheckFixedRole).toBool());
+    EXPECT_FALSE(model()
+                     .data(cut.siblingAtColumn(Col::colStatus), KTOutlineModel::kCheckFixedRole)
+                     .toBool());
+    EXPECT_TRUE(cell(cut, Col::colUser, Qt::ToolTipRole).contains("all users"));
+    EXPECT_FALSE(
+        model()
+            .data(row("Glow").siblingAtColumn(Col::colUser), KTOutlineModel::kCheckFixedRole)
+            .toBool());
+
+    // The toggles' labels change with the selection; the pop-up and the field stay put.
+    auto place = [&](QWidget* w) { return w->mapTo(window.get(), QPoint(0, 0)); };
+    selectRows({"Glow"});
+    QApplication::processEvents();
+    const QPoint filterAt = place(window->filterPopup()), searchAt = place(window->searchField());
+    selectRows({"Hum"});
+    ASSERT_EQ(window->scopeAction()->text(), "All Users");
+    selectRows({"Dim"});
+    ASSERT_EQ(window->enableAction()->text(), "Enable");
+    QApplication::processEvents();
+    EXPECT_EQ(place(window->filterPopup()), filterAt);
+    EXPECT_EQ(place(window->searchField()), searchAt);
 }

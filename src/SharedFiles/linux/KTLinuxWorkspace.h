@@ -11,6 +11,8 @@
 
 #include "SharedFiles/KTWorkspace.h"
 
+class KTProcessWatcher;
+
 /// Applications on Linux: ".app" bundles in the machine's and the user's
 /// Applications folders, directly or one sub-folder down (as "Utilities/X.app"
 /// or a vendor's folder holds them), each known by the CFBundleIdentifier of
@@ -23,7 +25,11 @@
 /// standard streams on /dev/null; running applications are found in /proc by
 /// their executable, or for a script by the first or second word of its
 /// command line; quitting sends SIGTERM.
-class KTProcessWatcher;
+///
+/// A file is shown through the freedesktop file-manager interface
+/// (org.freedesktop.FileManager1 ShowItems on the session bus), which opens
+/// its folder with the file selected; without a bus or a file manager that
+/// serves it, the folder is handed to xdg-open.
 class KTLinuxWorkspace : public KTWorkspace {
   public:
     KTLinuxWorkspace();
@@ -32,6 +38,12 @@ class KTLinuxWorkspace : public KTWorkspace {
     std::optional<std::string> absolutePathForAppBundleWithIdentifier(
         const std::string& bundleIdentifier) override;
     void refreshApplications() override;
+    bool selectFile(const std::string& path) override;
+
+    /// The ShowItems call alone: true when a file manager answered it.
+    static bool showItemsOnSessionBus(const std::string& path);
+    /// xdg-open of the folder holding `path`, found on PATH: true when started.
+    static bool openContainingFolder(const std::string& path);
 
     bool launchApplication(const std::string& bundleIdentifier) override;
     std::vector<std::string> runningApplicationIdentifiers() override;

@@ -37,6 +37,10 @@
 #include "app/window/KTInstallerWindow.h"
 #include "app/window/KTOutlineModel.h"
 #include "app/window/KTPreferencesWindow.h"
+#include "app/window/KTOutlineCheckDelegate.h"
+#include "app/window/KTOutlineContextMenu.h"
+#include "app/window/KTOutlineSearch.h"
+#include "app/window/KTPrintRenderer.h"
 #include "app/window/KTQtUserInterface.h"
 #include "app/window/KTTreeLockGuard.h"
 #include "catalogue/KTGroupItem.h"
@@ -128,6 +132,10 @@ KTMainWindow::KTMainWindow(AppController& app, QWidget* parent)
     connect(tree_->selectionModel(), &QItemSelectionModel::selectionChanged, this,
             [this] { enableAndConfigureButtons(); });
     setCentralWidget(tree_);
+    tree_->setAccessibleName(QStringLiteral("Plugins"));
+    tree_->setAccessibleDescription(
+        QStringLiteral("Plugins and groups, with their enabled state, version, type and scope"));
+    tree_->setItemDelegate(new KTOutlineCheckDelegate(tree_));
 
     model_->isExpanded = [this](const KTItemPtr& item) {
         return tree_->isExpanded(model_->indexForItem(item.get()));
@@ -187,6 +195,16 @@ KTMainWindow::KTMainWindow(AppController& app, QWidget* parent)
     buildMenus();
     buildToolbar();
     resize(1000, 640);
+    count_->setAccessibleName(QStringLiteral("Plugin count"));
+    spinner_->setAccessibleName(QStringLiteral("Working"));
+
+    searchFilter_ = new KTOutlineSearch(controller_, *model_, *tree_, this);
+    searchFilter_->isReloading = [this] { return reloading_; };
+    searchFilter_->restoreUserExpansion = [this] { loadExpandedItems(); };
+    searchFilter_->applied = [this] { searchApplied(); };
+    contextMenu_ = new KTOutlineContextMenu(
+        *tree_, *model_,
+        {enableAction_, scopeAction_, removeAction_, addGroupAction_, renameAction_}, this);
 
     app_.setUserInterface(ui_);
     controller_.setOutlineView(this);
@@ -332,9 +350,40 @@ void KTMainWindow::buildToolbar() {
     search_ = new QLineEdit(bar);
     search_->setPlaceholderText(QStringLiteral("Search"));
     search_->setClearButtonEnabled(true);
-    search_->setMaximumWidth(220);
-    connect(search_, &QLineEdit::textChanged, this, [this](const QString& t) { searchChanged(t); });
+    connect(search_, &QLineEdit::textChanged, this,
+            [this](const QString& t) { searchFilter_->textChanged(t); });
+    connect(search_, &QLineEdit::returnPressed, this, [this] { searchFilter_->applyNow(); });
     bar->addWidget(search_);
+    auto* find = new QAction(QStringLiteral("Find"), this);
+    find->setShortcut(QKeySequence::Find);
+    connect(find, &QAction::triggered, this, [this] {
+        search_->setFocus(Qt::ShortcutFocusReason);
+        search_->selectAll();
+    });
+    addAction(find);
+
+    filter_->setAccessibleName(QStringLiteral("Show plugins of"));
+    search_->setAccessibleName(QStringLiteral("Search plugins by name"));
+    bar->setAccessibleName(QStringLiteral("Toolbar"));
+    // The two toggles change their labels with the selection: each keeps the
+    // width of its longer label, so the pop-up and the field never shift.
+    for (auto [action, labels] :
+         {std::pair{enableAction_, QStringList{"Disable", "Enable"}},
+          std::pair{scopeAction_, QStringList{"Current User", "All Users"}}}) {
+        QWidget* button = bar->widgetForAction(action);
+        if (!button) continue;
+        const QString was = action->text();
+        int widest = 0;
+        for (const QString& label : labels) {
+            action->setText(label);
+            widest = std::max(widest, button->sizeHint().width());
+        }
+        action->setText(was);
+        button->setMinimumWidth(widest);
+    }
+    filter_->setSizeAdjustPolicy(QComboBox::AdjustToContents);
+    filter_->setFixedWidth(filter_->sizeHint().width());
+    search_->setFixedWidth(220);
 }
 
 // ---- The outline seam --------------------------------------------------------
@@ -374,7 +423,15 @@ void KTMainWindow::refreshPluginStats() {
     onMain([this] {
         if (reloading_) return;
         KTTreeLockGuard l(controller_.treeLock());
-        count_->setText(qs(controller_.pluginStatsText()));
+        if (!searchFilter_->isSearching()) {
+            count_->setText(qs(controller_.pluginStatsText()));
+            return;
+        }
+        const long total = OutlineViewController::countTotalItemsInArray(controller_.dataArray());
+        count_->setText(QStringLiteral("%1 of %2 plugin%3 shown")
+                            .arg(model_->shownPluginCount())
+                            .arg(total)
+                            .arg(total == 1 ? "" : "s"));
     });
 }
 
@@ -406,6 +463,8 @@ void KTMainWindow::enableAndConfigureButtons() {
         removeAction_->setEnabled(any);
         renameAction_->setEnabled(items.size() == 1 && items.front()->isGroup());
         const bool idle = !reloading_;
+        addGroupAction_->setEnabled(idle);
+        installAction_->setEnabled(idle);
         deleteDisabledAction_->setEnabled(idle);
         printAction_->setEnabled(idle);
         for (QAction* a : architectureActions_) a->setEnabled(idle);
@@ -443,13 +502,10 @@ void KTMainWindow::catalogueReloadStarted() {
 
 void KTMainWindow::catalogueReloadFinished() {
     reloading_ = false;
-    {
-        KTTreeLockGuard l(controller_.treeLock());
-        controller_.search(search_->text().toStdString());
-    }
+    searchFilter_->setControllerText();
     applySortingForOutlineView();
     model_->resetFromController();
-    loadExpandedItems();
+    searchFilter_->showResult();
     selectItemPathsFromArray(selectionBeforeReload_);
     selectionBeforeReload_.clear();
     refreshPluginStats();
@@ -511,7 +567,8 @@ void KTMainWindow::applySortingForOutlineView() {
 void KTMainWindow::loadExpandedItems() {
     KTLog::appendLog("Loading expanded items...");
     restoringExpansion_ = true;
-    for (const std::string& subdir : KTPreferences::standard().stringArrayForKey("expandedItems")) {
+    expandedItems_ = KTPreferences::standard().stringArrayForKey("expandedItems");
+    for (const std::string& subdir : expandedItems_) {
         QModelIndex index = model_->indexForGroupSubdir(subdir);
         if (index.isValid()) tree_->expand(index);
     }
@@ -519,12 +576,14 @@ void KTMainWindow::loadExpandedItems() {
 }
 
 void KTMainWindow::groupExpanded(const QModelIndex& index, bool expanded) {
-    if (restoringExpansion_) return;
+    // Only what the user opens or closes is remembered: not the groups a
+    // reload opens again, nor those a search result opens.
+    if (restoringExpansion_ || searchFilter_->isExpandingForSearch()) return;
     KTItemPtr item = model_->itemForIndex(index);
     if (!item || !item->isGroup()) return;
     const auto& subdir = static_cast<const KTGroupItem&>(*item).subdir();
     if (!subdir || subdir->empty()) return;
-    auto saved = KTPreferences::standard().stringArrayForKey("expandedItems");
+    auto& saved = expandedItems_;
     auto it = std::find(saved.begin(), saved.end(), *subdir);
     if (expanded && it == saved.end()) {
         saved.push_back(*subdir);
@@ -537,13 +596,23 @@ void KTMainWindow::groupExpanded(const QModelIndex& index, bool expanded) {
 }
 
 KTItemList KTMainWindow::selectedItems() const {
-    QModelIndexList rows = tree_->selectionModel()->selectedRows(0);
-    // Row order as shown, not the order of clicking.
-    std::sort(rows.begin(), rows.end(), [this](const QModelIndex& a, const QModelIndex& b) {
-        return tree_->visualRect(a).top() < tree_->visualRect(b).top();
-    });
+    const QModelIndexList rows = tree_->selectionModel()->selectedRows(0);
+    // Row order as shown, not the order of clicking: the rows from the top
+    // of the tree down to each item, compared like words (asking the view
+    // where each row is drawn costs too much with thousands selected).
+    std::vector<std::pair<std::vector<int>, QModelIndex>> keyed;
+    keyed.reserve(rows.size());
+    for (const QModelIndex& index : rows) {
+        std::vector<int> key;
+        for (QModelIndex i = index; i.isValid(); i = i.parent()) key.push_back(i.row());
+        std::reverse(key.begin(), key.end());
+        keyed.emplace_back(std::move(key), index);
+    }
+    std::sort(keyed.begin(), keyed.end(),
+              [](const auto& a, const auto& b) { return a.first < b.first; });
     KTItemList items;
-    for (const QModelIndex& index : rows)
+    items.reserve(keyed.size());
+    for (const auto& [key, index] : keyed)
         if (KTItemPtr item = model_->itemForIndex(index)) items.push_back(item);
     return items;
 }
@@ -620,18 +689,8 @@ void KTMainWindow::filterChanged(int index) {
     app_.reloadData();
 }
 
-void KTMainWindow::searchChanged(const QString& text) {
-    // A running load picks the text up when it ends.
-    if (reloading_) return;
-    {
-        KTTreeLockGuard l(controller_.treeLock());
-        controller_.search(text.toStdString());
-    }
-    model_->resetFromController();
-    if (!text.isEmpty())
-        tree_->expandAll();
-    else
-        loadExpandedItems();
+void KTMainWindow::searchApplied() {
+    refreshPluginStats();
     enableAndConfigureButtons();
 }
 
@@ -662,6 +721,8 @@ void KTMainWindow::removeSelection() {
 }
 
 void KTMainWindow::addGroup() {
+    // The tree is half built while a reload runs: it must not be shown.
+    if (reloading_) return;
     const KTItemList items = selectedItems();
     auto group = app_.addGroup(items.empty() ? nullptr : items.front());
     if (!group) return;
@@ -758,18 +819,22 @@ void KTMainWindow::toggleRequireAdminPassword(bool on) {
 
 void KTMainWindow::printPluginList() {
     if (reloading_) return;
-    std::string html;
-    {
-        KTTreeLockGuard l(controller_.treeLock());
-        html = KTPluginListExport::generateHTMLForPrinting(controller_.allPlugins());
-    }
     QPrinter printer(QPrinter::HighResolution);
     printer.setDocName(QString::fromLatin1(KTPluginListExport::kJobTitle));
     QPrintDialog dialog(&printer, this);
     dialog.setWindowTitle(QString::fromLatin1(KTPluginListExport::kJobTitle));
     dialog.setWindowModality(Qt::WindowModal);
     if (dialog.exec() != QDialog::Accepted) return;
-    QTextDocument document;
-    document.setHtml(qs(html));
-    document.print(&printer);
+    printPluginListOn(printer);
+}
+
+bool KTMainWindow::printPluginListOn(QPrinter& printer) {
+    if (reloading_) return false;
+    std::string html;
+    {
+        KTTreeLockGuard l(controller_.treeLock());
+        html = KTPluginListExport::generateHTMLForPrinting(controller_.allPlugins());
+    }
+    return KTPrintRenderer::print(qs(html), QString::fromLatin1(KTPluginListExport::kJobTitle),
+                                  printer);
 }

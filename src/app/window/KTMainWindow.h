@@ -9,13 +9,16 @@
 #include "catalogue/KTOutlineView.h"
 
 class AppController;
+class KTOutlineContextMenu;
 class KTOutlineModel;
+class KTOutlineSearch;
 class KTQtUserInterface;
 class OutlineViewController;
 class QAction;
 class QComboBox;
 class QLabel;
 class QLineEdit;
+class QPrinter;
 class QProgressBar;
 class QTreeView;
 
@@ -62,6 +65,8 @@ class KTMainWindow : public QMainWindow, public KTOutlineView {
 
     /// The print dialog over the plug-in list (it also saves PDF).
     void printPluginList();
+    /// Prints the list on a printer already set up (what the dialog's OK does).
+    bool printPluginListOn(QPrinter& printer);
     /// Installs files (dropped or chosen) into the selected row's group,
     /// asking for the scope when their kinds have one.
     void installFiles(const std::vector<std::string>& paths);
@@ -77,6 +82,10 @@ class KTMainWindow : public QMainWindow, public KTOutlineView {
     QAction* addGroupAction() const { return addGroupAction_; }
     QComboBox* filterPopup() const { return filter_; }
     QLineEdit* searchField() const { return search_; }
+    KTOutlineSearch* outlineSearch() const { return searchFilter_; }
+    KTOutlineContextMenu* contextMenu() const { return contextMenu_; }
+    QAction* installAction() const { return installAction_; }
+    QAction* renameAction() const { return renameAction_; }
     bool isShowingReload() const { return reloading_; }
 
   signals:
@@ -91,7 +100,7 @@ class KTMainWindow : public QMainWindow, public KTOutlineView {
     void catalogueReloadFinished();
     void columnHeaderClicked(int column);
     void filterChanged(int index);
-    void searchChanged(const QString& text);
+    void searchApplied();
     void groupExpanded(const QModelIndex& index, bool expanded);
     void checkBoxClicked(const KTItemPtr& item, int column, int newValue);
     void toggleEnabled();
@@ -112,6 +121,11 @@ class KTMainWindow : public QMainWindow, public KTOutlineView {
     QProgressBar* spinner_ = nullptr;
     QComboBox* filter_ = nullptr;
     QLineEdit* search_ = nullptr;
+    KTOutlineSearch* searchFilter_ = nullptr;
+    KTOutlineContextMenu* contextMenu_ = nullptr;
+    /// "expandedItems" as last read or written: toggles update it without
+    /// reading the preferences again.
+    std::vector<std::string> expandedItems_;
     QAction* enableAction_ = nullptr;
     QAction* scopeAction_ = nullptr;
     QAction* removeAction_ = nullptr;

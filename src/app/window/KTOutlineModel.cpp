@@ -87,20 +87,25 @@ std::unique_ptr<KTOutlineModel::Node> KTOutlineModel::buildTree() const {
 }
 
 void KTOutlineModel::indexNodes(Node* node) {
+    if (node == root_.get()) shownPlugins_ = 0;
     for (auto& child : node->children) {
         nodes_[child->item.get()] = child.get();
+        if (!child->item->isGroup()) ++shownPlugins_;
         indexNodes(child.get());
     }
 }
 
 void KTOutlineModel::clear() {
+    reloading_ = true;
     beginResetModel();
     root_ = std::make_unique<Node>();
     nodes_.clear();
+    shownPlugins_ = 0;
     endResetModel();
 }
 
 void KTOutlineModel::resetFromController() {
+    reloading_ = false;
     beginResetModel();
     root_ = buildTree();
     nodes_.clear();
@@ -109,6 +114,8 @@ void KTOutlineModel::resetFromController() {
 }
 
 void KTOutlineModel::rebuild() {
+    // The scan is changing the tree: the rows stay empty until it ends.
+    if (reloading_) return;
     emit layoutAboutToBeChanged();
     const QModelIndexList before = persistentIndexList();
     std::vector<std::pair<KTItemPtr, int>> kept;
@@ -134,6 +141,7 @@ void KTOutlineModel::refreshItem(const KTItem* item) {
 }
 
 void KTOutlineModel::refreshSubtree(const KTItem* group) {
+    if (reloading_) return;
     Node* node = root_.get();
     KTItemList current;
     {
@@ -318,6 +326,12 @@ QVariant KTOutlineModel::data(const QModelIndex& index, int role) const {
                 return {};
             case Qt::DecorationRole:
                 return column == colName ? QVariant(iconForItem(group)) : QVariant();
+            case Qt::AccessibleTextRole:
+                if (column == colStatus)
+                    return group.groupEnabled() == 1   ? QStringLiteral("Enabled")
+                           : group.groupEnabled() == 0 ? QStringLiteral("Disabled")
+                                                       : QStringLiteral("Partly enabled");
+                return data(index, Qt::DisplayRole);
             case Qt::ToolTipRole:
                 if (column == colName)
                     return QStringLiteral("%1 plugins, %2 enabled")
@@ -356,15 +370,36 @@ QVariant KTOutlineModel::data(const QModelIndex& index, int role) const {
             if (plugin.pluginEnabled() != 1)
                 return QApplication::palette().brush(QPalette::Disabled, QPalette::Text);
             return {};
-        case Qt::ToolTipRole: {
+        case kCheckFixedRole:
+            if (column == colStatus) return plugin.isLocked();
+            if (column == colUser) return plugin.isLocked() || hasNoUserPlace(plugin.pluginType());
+            return false;
+        case Qt::AccessibleTextRole:
             if (column == colStatus)
-                return plugin.isLocked() ? QStringLiteral("Locked: managed by another installer")
+                return plugin.pluginEnabled() == 1 ? QStringLiteral("Enabled")
+                                                   : QStringLiteral("Disabled");
+            if (column == colUser)
+                return plugin.pluginAccess() == 1 ? QStringLiteral("Installed for current user")
+                                                  : QStringLiteral("Installed for all users");
+            return data(index, Qt::DisplayRole);
+        case Qt::ToolTipRole: {
+            static const QString locked = QStringLiteral(
+                "Locked: managed by another installer, so it cannot be enabled, disabled or "
+                "moved here");
+            if (column == colStatus)
+                return plugin.isLocked()             ? locked
                        : plugin.pluginEnabled() == 1 ? QStringLiteral("Enabled")
                                                      : QStringLiteral("Disabled");
-            if (column == colUser)
+            if (column == colUser) {
+                if (plugin.isLocked()) return locked;
+                if (hasNoUserPlace(plugin.pluginType()))
+                    return QStringLiteral(
+                        "Avid plugins are always installed for all users: Avid looks for them "
+                        "in one place only");
                 return plugin.pluginAccess() == 1
                            ? QStringLiteral("Installed for the current user only")
                            : QStringLiteral("Installed for all users");
+            }
             QString tip = qs(KTLocalPaths::logicalPath(plugin.actualPath()));
             const auto archs = plugin.architectures();
             if (!archs.empty()) {
@@ -426,7 +461,11 @@ Qt::ItemFlags KTOutlineModel::flags(const QModelIndex& index) const {
     Qt::ItemFlags f = Qt::ItemIsEnabled | Qt::ItemIsSelectable | Qt::ItemIsDragEnabled;
     const KTItemPtr& item = nodeFor(index)->item;
     if (!item) return f;
-    if (item->isGroup()) f |= Qt::ItemIsDropEnabled;
+    // Plug-in rows take drops too: only then does the view hand a drop aimed
+    // at the middle of a plug-in row to this model as a drop onto that row
+    // (which rows refuse and files take), instead of turning it into a drop
+    // between rows of its group.
+    f |= Qt::ItemIsDropEnabled;
     if (item->isGroup() && index.column() == colName && renameHandler) f |= Qt::ItemIsEditable;
     const bool locked = !item->isGroup() && static_cast<const KTPluginItem&>(*item).isLocked();
     if (index.column() == colStatus && statusEditable && !locked) f |= Qt::ItemIsUserCheckable;

@@ -25,13 +25,18 @@ class KTOutlineModel : public QAbstractItemModel {
     /// The column of an identifier; the first column for an unknown one.
     static int columnForIdentifier(const std::string& identifier);
 
+    /// True for a check box that cannot be clicked whatever the mode: a locked
+    /// plug-in's boxes, and the scope box of a kind with no per-user place.
+    static constexpr int kCheckFixedRole = Qt::UserRole + 1;
+
     /// The type of the outline's own drags: the dragged items as a keyed archive.
     static constexpr const char* kPboardType = "KTPboardType";
 
     explicit KTOutlineModel(OutlineViewController& controller, QObject* parent = nullptr);
     ~KTOutlineModel() override;
 
-    /// Empties the rows (a reload starts).
+    /// Empties the rows (a reload starts); until `resetFromController` they
+    /// stay empty, whatever asks for a rebuild meanwhile.
     void clear();
     /// Rebuilds every row from the controller at once (a reload ended).
     void resetFromController();
@@ -43,6 +48,9 @@ class KTOutlineModel : public QAbstractItemModel {
     /// Redraws a group's rows and all below them (null: the whole outline);
     /// rebuilds the rows when the group's children are no longer those shown.
     void refreshSubtree(const KTItem* group);
+
+    /// How many plug-in rows the outline holds (the search result's, when searching).
+    long shownPluginCount() const { return shownPlugins_; }
 
     KTItemPtr itemForIndex(const QModelIndex& index) const;
     QModelIndex indexForItem(const KTItem* item, int column = 0) const;
@@ -101,5 +109,7 @@ class KTOutlineModel : public QAbstractItemModel {
     std::unique_ptr<Node> root_;
     std::unordered_map<const KTItem*, Node*> nodes_;
     mutable std::vector<std::string> expandedSubdirs_;
+    bool reloading_ = false;
+    long shownPlugins_ = 0;
     mutable std::unordered_map<std::string, QIcon> icons_;
 };
