@@ -91,10 +91,10 @@ std::optional<std::string> KTNotarizer::uuidFromNotarization(const std::string& 
     if (KTOperationSupport::isDirectory(file)) {
         // The service takes archives, not folders. The zip stays behind for
         // the developer to look at.
-        upload = KTLocalPaths::tempDirectory() + "/" + KTOperationSupport::lastComponent(file) +
-                 "." + KTLocalPaths::randomString(8) + ".zip";
+        upload = KTLocalPaths::tempDirectory() + KTOperationSupport::lastComponent(file) + "." +
+                 KTLocalPaths::randomString(8) + ".zip";
         while (KTOperationSupport::exists(upload))
-            upload = KTLocalPaths::tempDirectory() + "/" + KTLocalPaths::randomString(12) + ".zip";
+            upload = KTLocalPaths::tempDirectory() + KTLocalPaths::randomString(12) + ".zip";
         if (!KTFileManager::compressFile(file, upload)) {
             if (error) *error = "Unable to compress bundle for notarization.";
             return std::nullopt;
@@ -143,7 +143,7 @@ KTNotarizationStatus::Status KTNotarizer::notarizationStatus(const std::string& 
 
 std::optional<std::string> KTNotarizer::fetchNotarytoolLog(const std::string& uuid,
                                                            const Credentials& account) {
-    const std::string file = KTLocalPaths::tempDirectory() + "/Ambrel notarization " + uuid + "." +
+    const std::string file = KTLocalPaths::tempDirectory() + "Ambrel notarization " + uuid + "." +
                              KTLocalPaths::randomString(6) + ".json";
     const std::vector<std::string> arguments =
         joined({"notarytool", "log", uuid, file}, accountArguments(account));
