@@ -378,15 +378,6 @@ TEST(KTNotarizerNotarytool, EveryOutcomeWithTheTeamID) {
         EXPECT_EQ(ScratchRoot::readFile(tools.dir + "/count"), "4\n");
     }
 
-    tools.restart();
-    tools.answer("staple", "65");
-    {
-        Recorder r;
-        EXPECT_FALSE(run(r));
-        EXPECT_NE(r.last().find("unable to staple the authorization to your disk image."),
-                  std::string::npos);
-    }
-
     // Invalid: the log is fetched into a file, which "View Error Log" opens.
     for (const char* decided : {"Invalid", "Rejected"}) {
         tools.restart();
