@@ -178,9 +178,10 @@ KTNotarizer::DiskImageRequest diskRequest(const std::string& path) {
     return {path, "com.acmelabs.acmefx.21.dmg", std::nullopt};
 }
 
-#define NEEDS_KEYRING()                                                    \
-    if (!privateKeyring()) GTEST_SKIP() << "needs the private keyring of " \
-                                           "tests/support/with-keyring"
+#define NEEDS_KEYRING()                             \
+    if (!privateKeyring())                          \
+    GTEST_SKIP() << "needs the private keyring of " \
+                    "tests/support/with-keyring"
 
 }  // namespace
 
