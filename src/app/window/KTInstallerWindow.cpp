@@ -126,6 +126,11 @@ KTInstallerWindow::KTInstallerWindow(QWidget* parent) : QWidget(parent, Qt::Wind
                                             tool_->currentData().toString().toStdString());
     });
     form->addRow(QStringLiteral("Notarize with:"), tool_);
+    // Until a tool is chosen, the menu follows the default a Team ID makes.
+    connect(teamID_, &QLineEdit::textChanged, this, [this](const QString& team) {
+        tool_->setCurrentIndex(
+            KTNotarizer::chosenTool(team.toStdString()) == KTNotarizer::Tool::Altool ? 1 : 0);
+    });
     statusSheet_ = new KTNotarizeStatusSheet(this, [this] { builder_.cancel(); });
 
     auto* buttons = new QHBoxLayout;
