@@ -14,6 +14,7 @@
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTMainThread.h"
 #include "SharedFiles/KTTrash.h"
+#include "SharedFiles/linux/KTZipArchive.h"
 
 namespace {
 
@@ -84,4 +85,11 @@ bool KTFileManager::trashFile(const std::string& path, std::chrono::duration<dou
             std::this_thread::sleep_for(std::chrono::milliseconds(300));
     }
     return !fileExistsAtPath(path);
+}
+
+bool KTFileManager::compressFile(const std::string& source, const std::string& destinationFile) {
+    std::string error;
+    if (KTZipArchive::compress(source, destinationFile, true, &error)) return true;
+    KTLog::fastAppendLog("Unable to compress %@: %@", source, error);
+    return false;
 }

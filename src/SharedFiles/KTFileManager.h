@@ -28,4 +28,10 @@ class KTFileManager {
     /// keeping the interface live on the main thread. False when the move
     /// failed or the item is still there.
     static bool trashFile(const std::string& path, std::chrono::duration<double> timeout);
+
+    /// Zips `source` (a file or a folder, its own name kept as the top entry,
+    /// like `ditto -ck --keepParent`) into `destinationFile`, replacing an
+    /// archive already there. A failure is logged ("Unable to compress %@:
+    /// %@") and answered false; nothing is left at the destination then.
+    static bool compressFile(const std::string& source, const std::string& destinationFile);
 };

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <string>
+#include <vector>
 
 #include "installer/KTInstallerSettings.h"
 
@@ -26,6 +27,18 @@ class KTInstallerBuilder {
         virtual void showSheet(const std::string& message, const std::string& informative) = 0;
         /// The status sheet's line while notarising.
         virtual void setStatusText(const std::string& text) {}
+        /// The notarisation status sheet: progress bar, text line and Cancel.
+        virtual void showStatusSheet() {}
+        virtual void hideStatusSheet() {}
+        virtual void setCancelEnabled(bool enabled) {}
+        /// A sheet with buttons after OK; answers the index of the one pressed.
+        virtual int showSheetWithButtons(const std::string& message, const std::string& informative,
+                                         const std::vector<std::string>& buttons) {
+            showSheet(message, informative);
+            return 0;
+        }
+        /// Opens an address in the browser ("View Error Log").
+        virtual void openURL(const std::string& url) {}
     };
 
     enum class Outcome { Created, Failed, Cancelled };

@@ -10,9 +10,8 @@ class KTInstallerBuilder;
 
 /// The two steps of an installer build that need Apple's tools: signing the
 /// bundle with a Developer ID identity, and notarising and stapling it. The
-/// build calls them through this seam; `shared()` is what it uses, and the
-/// signing and notarisation work replaces it with `setShared`. Until then
-/// the stand-in says plainly that neither is available.
+/// build calls them through this seam; `shared()` is what it uses (Apple's
+/// tools, `KTAppleToolSigning`, unless a test replaced it with `setShared`).
 class KTInstallerSigning {
   public:
     virtual ~KTInstallerSigning() = default;
@@ -31,17 +30,6 @@ class KTInstallerSigning {
                                    const std::string& password) = 0;
 
     static KTInstallerSigning& shared();
-    /// Replaces the shared instance; null puts the stand-in back.
+    /// Replaces the shared instance; null puts the default back.
     static void setShared(std::shared_ptr<KTInstallerSigning> signing);
-};
-
-/// The stand-in: refuses to sign, and finishes an unsigned, unnotarised
-/// installer with a sheet that says it was not notarised.
-class KTUnavailableSigning : public KTInstallerSigning {
-  public:
-    std::optional<std::string> signInstaller(const std::string& bundlePath,
-                                             const std::string& identity) override;
-    bool notarizeInstaller(KTInstallerBuilder& builder, const KTInstallerRequest& request,
-                           const std::string& bundlePath, const std::string& appleID,
-                           const std::string& password) override;
 };

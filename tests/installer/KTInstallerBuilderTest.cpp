@@ -204,11 +204,13 @@ TEST(KTInstallerBuilder, RefusalsExitOneWithTheirMessages) {
 
     EXPECT_EQ(ambrel({"-createinstaller", "Echo.component"}).exitCode, 1);  // no -o
 
-    // Signing needs Apple's tools: said plainly, and nothing pretends to be signed.
+    // Signing needs Apple's tools: without them nothing pretends to be signed.
     auto signedBuild =
         machine.build({"-certificate", "Developer ID Application: Acme (X1)", "Echo.component"});
     EXPECT_EQ(signedBuild.exitCode, 1);
-    EXPECT_NE(signedBuild.out.find("Code signing is not available"), std::string::npos)
+    EXPECT_NE(signedBuild.out.find("Code signing failed: Error: /usr/bin/codesign is not "
+                                   "executable."),
+              std::string::npos)
         << signedBuild.out;
 }
 
@@ -254,11 +256,13 @@ TEST(KTInstallerAppleID, SetAppleIDStoresReplacesAndRemovesTheOneItem) {
     EXPECT_EQ(found.find("dev@example.com"), std::string::npos);
     EXPECT_EQ(sh("secret-tool lookup labl 'Ambrel Apple ID'").out, "wxyz");
 
-    // With an account stored, a build says plainly that it was not notarised.
+    // With an account stored but no notary tools, the build says it was not notarised.
     BuildMachine machine;
     auto built = machine.build({"Echo.component"});
-    EXPECT_EQ(built.exitCode, 0);
-    EXPECT_NE(built.out.find("Notarization is not available"), std::string::npos) << built.out;
+    EXPECT_EQ(built.exitCode, 1);
+    EXPECT_NE(built.out.find("Unable to notarize - Error: /usr/bin/xcrun is not executable."),
+              std::string::npos)
+        << built.out;
 
     ASSERT_EQ(set("new@example.com", "").exitCode, 0);
     EXPECT_EQ(items().find("attribute.labl"), std::string::npos);

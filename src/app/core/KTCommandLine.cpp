@@ -12,10 +12,12 @@
 #include "catalogue/KTPluginLocations.h"
 #include "catalogue/OutlineViewController.h"
 #include "installer/KTInstallerCommands.h"
+#include "installer/KTNotarizeCommand.h"
 
 namespace {
 const char* const kVerbs[] = {"-install", "-enable", "-disable", "-remove", "-setaccess",
-                              "-allplugins", "-createinstaller", "-setappleid", "-crashtest"};
+                              "-allplugins", "-createinstaller", "-setappleid", "-crashtest",
+                              "-notarize"};
 
 void writeAll(const std::string& bytes) {
     std::size_t done = 0;
@@ -54,7 +56,8 @@ std::string KTCommandLine::usage() {
            "       ambrel -setaccess scope [name]  move them to the folders of a scope: 0 all\n"
            "                                       users, 1 current user; without a name, every\n"
            "                                       plug-in\n" +
-           KTInstallerCommands::usage() + KTCrashTestCommand::usage();
+           KTInstallerCommands::usage() + KTCrashTestCommand::usage() +
+           KTNotarizeCommand::usage();
 }
 
 int KTCommandLine::run(const std::vector<std::string>& args) {
@@ -62,6 +65,7 @@ int KTCommandLine::run(const std::vector<std::string>& args) {
     if (!app) return kControllerFailed;
     // The keychain needs no catalogue.
     if (args[0] == "-setappleid") return KTInstallerCommands::setAppleID(args);
+    if (args[0] == "-notarize") return KTNotarizeCommand::run(args);
     app->loadPluginData();
     app->outlineViewController().waitForBundleInspection();
 

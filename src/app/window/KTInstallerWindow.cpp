@@ -3,6 +3,7 @@
 #include <QApplication>
 #include <QCheckBox>
 #include <QComboBox>
+#include <QDesktopServices>
 #include <QFileDialog>
 #include <QFormLayout>
 #include <QHBoxLayout>
@@ -12,12 +13,15 @@
 #include <QProgressBar>
 #include <QPushButton>
 #include <QThread>
+#include <QUrl>
 #include <QVBoxLayout>
 
 #include "SharedFiles/KTKeychain.h"
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTPreferences.h"
+#include "app/window/KTNotarizeStatusSheet.h"
 #include "installer/KTInstallerSettings.h"
+#include "installer/KTNotarizer.h"
 #include "operations/KTOperationSupport.h"
 
 namespace S = KTInstallerSettings;
@@ -106,6 +110,28 @@ KTInstallerWindow::KTInstallerWindow(QWidget* parent) : QWidget(parent, Qt::Wind
     password_->setEchoMode(QLineEdit::Password);
     form->addRow(QStringLiteral("Apple ID:"), appleID_);
     form->addRow(QStringLiteral("App-specific password:"), password_);
+    teamID_ = boundField(this, KTNotarizer::kTeamIDKey);
+    teamID_->setPlaceholderText(QStringLiteral("needed by notarytool"));
+    form->addRow(QStringLiteral("Team ID:"), teamID_);
+    // Apple's service no longer takes uploads from altool; it stays for
+    // whoever still has a way to use it.
+    tool_ = new QComboBox(this);
+    tool_->addItem(QStringLiteral("notarytool"), QStringLiteral("notarytool"));
+    tool_->addItem(QStringLiteral("altool"), QStringLiteral("altool"));
+    tool_->setCurrentIndex(
+        KTNotarizer::chosenTool(teamID_->text().toStdString()) == KTNotarizer::Tool::Altool ? 1
+                                                                                            : 0);
+    connect(tool_, &QComboBox::activated, this, [this](int) {
+        KTPreferences::standard().setString(KTNotarizer::kToolKey,
+                                            tool_->currentData().toString().toStdString());
+    });
+    form->addRow(QStringLiteral("Notarize with:"), tool_);
+    // Until a tool is chosen, the menu follows the default a Team ID makes.
+    connect(teamID_, &QLineEdit::textChanged, this, [this](const QString& team) {
+        tool_->setCurrentIndex(
+            KTNotarizer::chosenTool(team.toStdString()) == KTNotarizer::Tool::Altool ? 1 : 0);
+    });
+    statusSheet_ = new KTNotarizeStatusSheet(this, [this] { builder_.cancel(); });
 
     auto* buttons = new QHBoxLayout;
     spinner_ = new QProgressBar(this);
@@ -257,4 +283,35 @@ void KTInstallerWindow::setSpinning(bool spinning) {
 
 void KTInstallerWindow::showSheet(const std::string& message, const std::string& informative) {
     runOnMain([this, message, informative] { sheet(qs(message), qs(informative)); });
+}
+
+int KTInstallerWindow::showSheetWithButtons(const std::string& message,
+                                            const std::string& informative,
+                                            const std::vector<std::string>& buttons) {
+    int pressed = 0;
+    runOnMain([&] {
+        lastSheet_ = {qs(message), qs(informative)};
+        pressed = KTNotarizeStatusSheet::runSheet(this, message, informative, buttons);
+    });
+    return pressed;
+}
+
+void KTInstallerWindow::setStatusText(const std::string& text) {
+    runOnMain([&] { statusSheet_->setInstallNotarizeStatusText(qs(text)); });
+}
+
+void KTInstallerWindow::showStatusSheet() {
+    runOnMain([&] { statusSheet_->showInstallNotarizeStatusSheet(); });
+}
+
+void KTInstallerWindow::hideStatusSheet() {
+    runOnMain([&] { statusSheet_->hideInstallNotarizeStatusSheet(); });
+}
+
+void KTInstallerWindow::setCancelEnabled(bool enabled) {
+    runOnMain([&] { statusSheet_->setCancelEnabled(enabled); });
+}
+
+void KTInstallerWindow::openURL(const std::string& url) {
+    runOnMain([&] { QDesktopServices::openUrl(QUrl(qs(url))); });
 }

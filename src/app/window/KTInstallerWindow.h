@@ -16,6 +16,7 @@ class QLineEdit;
 class QMessageBox;
 class QProgressBar;
 class QPushButton;
+class KTNotarizeStatusSheet;
 
 /// The installer window: the form whose fields are the installer
 /// preferences, the signing identity, the notarisation account (kept in the
@@ -53,6 +54,9 @@ class KTInstallerWindow : public QWidget, private KTInstallerBuilder::Delegate {
     QLineEdit* appleIDField() const { return appleID_; }
     QLineEdit* passwordField() const { return password_; }
     QComboBox* identityMenu() const { return identity_; }
+    QLineEdit* teamIDField() const { return teamID_; }
+    QComboBox* toolMenu() const { return tool_; }
+    KTNotarizeStatusSheet* statusSheet() const { return statusSheet_; }
     QCheckBox* brandingBox() const { return branding_; }
     QProgressBar* spinner() const { return spinner_; }
     /// The last sheet shown, message and informative text.
@@ -73,6 +77,13 @@ class KTInstallerWindow : public QWidget, private KTInstallerBuilder::Delegate {
     // KTInstallerBuilder::Delegate (build thread)
     void setSpinning(bool spinning) override;
     void showSheet(const std::string& message, const std::string& informative) override;
+    int showSheetWithButtons(const std::string& message, const std::string& informative,
+                             const std::vector<std::string>& buttons) override;
+    void setStatusText(const std::string& text) override;
+    void showStatusSheet() override;
+    void hideStatusSheet() override;
+    void setCancelEnabled(bool enabled) override;
+    void openURL(const std::string& url) override;
 
     QLineEdit* name_ = nullptr;
     QLineEdit* version_ = nullptr;
@@ -81,6 +92,9 @@ class KTInstallerWindow : public QWidget, private KTInstallerBuilder::Delegate {
     QCheckBox* branding_ = nullptr;
     QLineEdit* appleID_ = nullptr;
     QLineEdit* password_ = nullptr;
+    QLineEdit* teamID_ = nullptr;
+    QComboBox* tool_ = nullptr;
+    KTNotarizeStatusSheet* statusSheet_ = nullptr;
     QPushButton* create_ = nullptr;
     QProgressBar* spinner_ = nullptr;
     std::vector<PathField> paths_;

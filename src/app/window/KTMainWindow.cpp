@@ -34,6 +34,7 @@
 #include "SharedFiles/KTPreferences.h"
 #include "app/core/AppController.h"
 #include "app/window/KTCrashTestDialog.h"
+#include "app/window/KTDiskImageNotarizer.h"
 #include "app/window/KTInstallerWindow.h"
 #include "app/window/KTOutlineModel.h"
 #include "app/window/KTPreferencesWindow.h"
@@ -284,6 +285,8 @@ void KTMainWindow::buildMenus() {
     file->addAction(installAction_);
     file->addAction(QStringLiteral("Create Ambrel Installer..."), this,
                     [this] { KTInstallerWindow::showInstallerWindow(this, selectedItems()); });
+    file->addAction(QStringLiteral("Notarize Disk Image..."), this,
+                    [this] { KTDiskImageNotarizer::notarizeDiskImage(this); });
     file->addSeparator();
     file->addAction(printAction_);
     file->addSeparator();
