@@ -140,6 +140,10 @@ TEST(KTLinuxWorkspaceTest, LaunchesByIdentifierIgnoringCaseAndReportsLaunchAndEn
     writeLaunchableApp(scratch.rootPath("/Applications/Broken.app"), "org.example.broken", 0644);
     EXPECT_FALSE(workspace.launchApplication("org.example.broken"));
     EXPECT_EQ(count(), 2u);
+}
+
+namespace {
+
 /// A private message bus (dbus-daemon) for one test, and optionally a file
 /// manager on it that records the URIs its ShowItems is asked for.
 class PrivateBus {

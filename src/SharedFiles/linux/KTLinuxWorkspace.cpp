@@ -258,6 +258,8 @@ KTTerminateResult KTLinuxWorkspace::terminateApplication(const std::string& bund
         return errno == EPERM ? KTTerminateResult::refused : KTTerminateResult::notRunning;
     }
     return KTTerminateResult::notRunning;
+}
+
 bool KTLinuxWorkspace::showItemsOnSessionBus(const std::string& path) {
     GError* error = nullptr;
     // No address means no session: connecting would only try to start one.
