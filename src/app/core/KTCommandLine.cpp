@@ -52,7 +52,13 @@ std::string KTCommandLine::usage() {
 }
 
 int KTCommandLine::run(const std::vector<std::string>& args) {
-    std::unique_ptr<AppController> app = AppController::initWithoutGUI();
+    std::unique_ptr<AppController> app;
+    try {
+        app = AppController::initWithoutGUI();
+    } catch (...) {
+        // initWithoutGUI reports what it catches; this is what escaped it.
+        KTLog::systemConsole("Unable to start the controller");
+    }
     if (!app) return kControllerFailed;
     app->loadPluginData();
     app->outlineViewController().waitForBundleInspection();
@@ -114,11 +120,12 @@ int KTCommandLine::pluginVerb(AppController& app, const std::vector<std::string>
 
 int KTCommandLine::setAccess(AppController& app, const std::vector<std::string>& args) {
     if (args.size() < 2) {
-        KTLog::appendLog("Invalid argument count");
+        KTLog::systemConsole("Invalid argument count");
         return 1;
     }
-    // Read as the platform reads an integer: leading digits, anything else 0.
-    const std::int64_t scope = std::strtoll(args[1].c_str(), nullptr, 10);
+    // Read as the platform reads an integer: leading digits, anything else 0;
+    // any scope but 0 is the current user.
+    const std::int64_t scope = std::strtoll(args[1].c_str(), nullptr, 10) != 0 ? 1 : 0;
     const std::optional<std::string> name =
         args.size() > 2 ? std::optional<std::string>(lastComponent(args[2])) : std::nullopt;
     OutlineViewController& outline = app.outlineViewController();
