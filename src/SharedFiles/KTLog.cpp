@@ -351,11 +351,14 @@ void KTLog::writerLoop() {
     for (;;) {
         queueChanged_.wait(l, [this] { return stopping_ || !queue_.empty(); });
         if (queue_.empty() && stopping_) return;
-        std::string text = std::move(queue_.front());
-        queue_.pop_front();
+        // Everything queued goes out in one write: a batch of moves logs
+        // several lines per plug-in, and a write per line cost more than the move.
+        std::vector<std::string> batch(std::make_move_iterator(queue_.begin()),
+                                       std::make_move_iterator(queue_.end()));
+        queue_.clear();
         writing_ = true;
         l.unlock();
-        appendLogOnThread(text);
+        appendLinesOnThread(batch);
         l.lock();
         writing_ = false;
         if (queue_.empty()) queueDrained_.notify_all();
@@ -378,6 +381,10 @@ void KTLog::drainQueued() {
 }
 
 void KTLog::appendLogOnThread(const std::string& text) {
+    appendLinesOnThread({text});
+}
+
+void KTLog::appendLinesOnThread(const std::vector<std::string>& texts) {
     try {
         if (!loggingDisabled_) {
             bool needOpen;
@@ -395,22 +402,26 @@ void KTLog::appendLogOnThread(const std::string& text) {
                 if (fd_ < 0 && !path.empty())
                     fd_ = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
                 if (fd_ >= 0) {
-                    std::string line = dateDescription() + " - " + text + "\n";
+                    const std::string stamp = dateDescription() + " - ";
+                    std::string lines;
+                    for (const auto& text : texts) lines += stamp + text + "\n";
                     std::size_t done = 0;
-                    while (done < line.size()) {
-                        ssize_t n = ::write(fd_, line.data() + done, line.size() - done);
+                    while (done < lines.size()) {
+                        ssize_t n = ::write(fd_, lines.data() + done, lines.size() - done);
                         if (n < 0 && errno == EINTR) continue;
                         if (n <= 0) throw std::runtime_error(std::strerror(errno));
                         done += static_cast<std::size_t>(n);
                     }
-                    bytesWritten_ += line.size();
+                    bytesWritten_ += lines.size();
                     written = true;
                 }
             }
             if (!written) {
                 if (!noPrinting_) {
-                    printOut("Unable to log the following information: " + text + "\n");
-                    printOut("Unable to open log for output\n");
+                    for (const auto& text : texts) {
+                        printOut("Unable to log the following information: " + text + "\n");
+                        printOut("Unable to open log for output\n");
+                    }
                 }
             } else if (!restarting_ && bytesWritten_ >= gRestartThreshold.load()) {
                 // The entries queued so far still belong to the old file; the
@@ -427,7 +438,8 @@ void KTLog::appendLogOnThread(const std::string& text) {
         if (!loggingDisabled_ && !noPrinting_)
             printOut(std::string("Exception writing to log: ") + e.what() + "\n");
     }
-    std::uint64_t n = characterCount(text);
+    std::uint64_t n = 0;
+    for (const auto& text : texts) n += characterCount(text);
     std::uint64_t cur = bytesInQueue_.load();
     while (!bytesInQueue_.compare_exchange_weak(cur, cur >= n ? cur - n : 0)) {
     }

@@ -106,6 +106,9 @@ class KTLog {
     static void systemConsoleArgs(std::string_view format, std::vector<KTArg> args);
     void writerLoop();
     void drainQueued();
+    /// Writes entries as consecutive lines in one write, then restarts the
+    /// file when it has reached the threshold.
+    void appendLinesOnThread(const std::vector<std::string>& texts);
     bool onWriter() const { return std::this_thread::get_id() == writerId_; }
     static bool isSuperuser();
     void writeHeader();

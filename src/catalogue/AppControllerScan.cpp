@@ -479,6 +479,7 @@ void AppController::loadPluginData() {
             }
             queue.waitUntilAllOperationsAreFinished();
         }
+        outline_->setLoadedPaths(std::move(paths));
         outline_->setLoading(false);
         KTLog::appendLog("Refreshing data...");
         KTMainThread::shared().runAndWait([this] {

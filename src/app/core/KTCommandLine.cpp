@@ -10,6 +10,7 @@
 #include "catalogue/KTItemArchive.h"
 #include "catalogue/KTPluginLocations.h"
 #include "catalogue/OutlineViewController.h"
+#include "operations/KTMoveBatch.h"
 
 namespace {
 const char* const kVerbs[] = {"-install", "-enable", "-disable", "-remove", "-setaccess",
@@ -103,9 +104,11 @@ int KTCommandLine::pluginVerb(AppController& app, const std::vector<std::string>
     const std::optional<std::string> name =
         args.size() > 1 ? std::optional<std::string>(lastComponent(args[1])) : std::nullopt;
     OutlineViewController& outline = app.outlineViewController();
-    // The folders cannot change under the loop; look them up once.
+    // The folders cannot change under the loop; look them up once. The
+    // catalogue just listed the disk: its paths are walked, not listed again.
     KTPluginLocations::FolderCache folders;
-    for (const auto& path : app.listPlugins(true)) {
+    KTMoveBatch batch;
+    for (const auto& path : outline.loadedPaths()) {
         auto item = outline.pluginFromPath(path);
         if (!item) continue;
         if (name && *name != item->fileName()) continue;
@@ -130,7 +133,8 @@ int KTCommandLine::setAccess(AppController& app, const std::vector<std::string>&
         args.size() > 2 ? std::optional<std::string>(lastComponent(args[2])) : std::nullopt;
     OutlineViewController& outline = app.outlineViewController();
     KTPluginLocations::FolderCache folders;
-    for (const auto& path : app.listPlugins(true)) {
+    KTMoveBatch batch;
+    for (const auto& path : outline.loadedPaths()) {
         if (name && *name != lastComponent(path)) continue;
         if (auto item = outline.pluginFromPath(path)) outline.setAccess(scope, item, false, false);
     }
