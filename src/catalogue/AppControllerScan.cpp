@@ -30,8 +30,9 @@ bool isTemplateDocumentExtension(const std::string& ext) {
 }
 
 bool isListedPluginExtension(const std::string& ext) {
-    static const char* const kListed[] = {"txt",       "fcfcc",  "bundle", "avx",  "dpm", "fxplug",
-                                          "component", "plugin", "vst",    "vst2", "vst3"};
+    static const char* const kListed[] = {"txt",    "fcfcc",  "bundle", "avx",
+                                          "dpm",    "fxplug", "component", "plugin",
+                                          "vst",    "vst2",   "vst3"};
     for (const char* e : kListed) {
         if (ext == e) return true;
     }
@@ -207,8 +208,7 @@ bool isMotionTemplateFolder(const std::string& path) {
 
 }  // namespace
 
-std::set<std::string> AppController::fileExtensionsInFileArray(
-    const std::vector<std::string>& names) {
+std::set<std::string> AppController::fileExtensionsInFileArray(const std::vector<std::string>& names) {
     std::set<std::string> out;
     for (const auto& n : names) out.insert(KTFilePackage::lowerExtension(n));
     return out;
@@ -256,8 +256,7 @@ std::optional<std::vector<std::string>> ScanWalk::scan(const std::string& folder
     for (const auto& [name, type] : *entries) {
         const std::string full = join(plain, name);
         const std::string ext = KTFilePackage::lowerExtension(name);
-        if (isTemplateDocumentExtension(ext))
-            return result;  // the folder is a template: its parent lists it
+        if (isTemplateDocumentExtension(ext)) return result;  // the folder is a template: its parent lists it
         if (isListedPluginExtension(ext)) {
             result.push_back(full);
             continue;
@@ -310,8 +309,7 @@ std::vector<std::string> AppController::listPlugins(bool includeDisabled, bool i
     return listPlugins(includeDisabled, includeFolders, folders);
 }
 
-std::vector<std::string> AppController::foldersForFilter(int filter,
-                                                         const KTPluginFolderDict& dict) {
+std::vector<std::string> AppController::foldersForFilter(int filter, const KTPluginFolderDict& dict) {
     static const std::vector<std::vector<std::string>> kFilters = {
         {},
         {"localFxPlug", "userFxPlug", "localFxScript", "userFxScript", "localAU", "userAU",
@@ -340,8 +338,7 @@ std::vector<std::string> AppController::foldersForFilter(int filter,
     return folders;
 }
 
-std::vector<std::string> AppController::listFilteredPlugins(bool includeDisabled,
-                                                            bool includeFolders) {
+std::vector<std::string> AppController::listFilteredPlugins(bool includeDisabled, bool includeFolders) {
     int filter = static_cast<int>(KTPreferences::standard().integerForKey("filter"));
     return listPlugins(includeDisabled, includeFolders,
                        foldersForFilter(filter, KTPluginLocations::pluginFolderDict()));
@@ -380,8 +377,7 @@ void AppController::processPluginAtPath(const std::string& path, int filter,
 
     std::string cut = path;
     long long enabled = 1;
-    if (path.size() > disabledPath.size() + 1 &&
-        path.compare(0, disabledPath.size(), disabledPath) == 0) {
+    if (path.size() > disabledPath.size() + 1 && path.compare(0, disabledPath.size(), disabledPath) == 0) {
         cut = path.substr(disabledPath.size());
         // The rest mirrors the plug-in's path as a host sees it; map it back
         // onto this machine's system root.
@@ -392,27 +388,13 @@ void AppController::processPluginAtPath(const std::string& path, int filter,
     std::int64_t kind = -1, access = -1;
     std::string base;
     static const std::pair<const char*, std::pair<int, int>> kClassification[] = {
-        {"localFxPlug", {0, 0}},
-        {"userFxPlug", {0, 1}},
-        {"localFxScript", {1, 0}},
-        {"userFxScript", {1, 1}},
-        {"localAU", {2, 0}},
-        {"userAU", {2, 1}},
-        {"avidAVX", {3, 0}},
-        {"avidAVX2", {5, 0}},
-        {"avidRTAS", {6, 0}},
-        {"adobeCommon", {4, 0}},
-        {"localVST", {7, 0}},
-        {"userVST", {7, 1}},
-        {"localVST2", {11, 0}},
-        {"userVST2", {11, 1}},
-        {"localVST3", {12, 0}},
-        {"userVST3", {12, 1}},
-        {"localMotionTemplate", {8, 0}},
-        {"userMotionTemplate", {8, 1}},
-        {"localOFX", {9, 0}},
-        {"localQuartz", {10, 0}},
-        {"userQuartz", {10, 1}},
+        {"localFxPlug", {0, 0}},  {"userFxPlug", {0, 1}},  {"localFxScript", {1, 0}},
+        {"userFxScript", {1, 1}}, {"localAU", {2, 0}},     {"userAU", {2, 1}},
+        {"avidAVX", {3, 0}},      {"avidAVX2", {5, 0}},    {"avidRTAS", {6, 0}},
+        {"adobeCommon", {4, 0}},  {"localVST", {7, 0}},    {"userVST", {7, 1}},
+        {"localVST2", {11, 0}},   {"userVST2", {11, 1}},   {"localVST3", {12, 0}},
+        {"userVST3", {12, 1}},    {"localMotionTemplate", {8, 0}}, {"userMotionTemplate", {8, 1}},
+        {"localOFX", {9, 0}},     {"localQuartz", {10, 0}}, {"userQuartz", {10, 1}},
     };
     for (const auto& [key, codes] : kClassification) {
         auto value = KTPluginLocations::folderForKey(dict, key);
@@ -425,11 +407,9 @@ void AppController::processPluginAtPath(const std::string& path, int filter,
     }
 
     std::string subdir;
-    std::string parent =
-        *KTLocalPaths::ensureTrailingSlash(KTPluginLocations::deletingLastPathComponent(cut));
+    std::string parent = *KTLocalPaths::ensureTrailingSlash(KTPluginLocations::deletingLastPathComponent(cut));
     std::string baseSlash = *KTLocalPaths::ensureTrailingSlash(base);
-    if (!base.empty() && parent.size() > baseSlash.size() &&
-        parent.compare(0, baseSlash.size(), baseSlash) == 0)
+    if (!base.empty() && parent.size() > baseSlash.size() && parent.compare(0, baseSlash.size(), baseSlash) == 0)
         subdir = parent.substr(baseSlash.size());
     else if (base.empty())
         subdir = "";
@@ -462,8 +442,7 @@ void AppController::loadPluginData() {
         KTLog::fastAppendLog("Loading plugin data...");
         const std::string disabled = KTPluginLocations::disabledPath();
         std::error_code ec;
-        if (!std::filesystem::exists(disabled, ec))
-            std::filesystem::create_directories(disabled, ec);
+        if (!std::filesystem::exists(disabled, ec)) std::filesystem::create_directories(disabled, ec);
 
         KTPluginLocations::FolderCache folderCache;
         std::vector<std::string> paths = listFilteredPlugins(true, true);
