@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <random>
 #include <string_view>
 #include <vector>
@@ -223,20 +224,59 @@ std::optional<std::string> KTLocalPaths::stripTrailingSlash(const std::optional<
     return p->substr(0, p->size() - 1);
 }
 
+namespace {
+
+/// "//etc", "/./etc", "/usr/../etc" and "/etc/" all read "/etc".
+std::string normalised(const std::string& path) {
+    std::string n = std::filesystem::path(path).lexically_normal().string();
+    while (n.size() > 1 && n.back() == '/') n.pop_back();
+    return n.empty() ? path : n;
+}
+
+bool isInside(const std::string& path, const std::string& folder) {
+    if (folder == "/") return !path.empty() && path.front() == '/';
+    return path == folder ||
+           (path.size() > folder.size() && startsWith(path, folder) && path[folder.size()] == '/');
+}
+
+/// This machine's own system folders: the whole tree of each is protected
+/// (but for /usr/local), or only the folder itself.
+const char* const kLinuxTrees[] = {"/usr", "/bin", "/sbin", "/lib", "/lib32", "/lib64", "/libx32",
+                                   "/etc", "/var", "/boot", "/dev", "/proc",  "/sys",   "/run"};
+const char* const kLinuxFolders[] = {"/home", "/root", "/opt", "/srv", "/mnt", "/media", "/tmp"};
+
+bool isLinuxSystemFolder(const std::string& real, bool exactMatch) {
+    if (real == "/") return true;
+    for (const char* f : kLinuxFolders) {
+        if (real == f) return true;
+    }
+    for (const char* t : kLinuxTrees) {
+        if (real == t) return true;
+        if (!exactMatch && isInside(real, t) && !isInside(real, "/usr/local")) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
 bool KTLocalPaths::isPathSystemDirectory(const std::string& input, bool exactMatch) {
     if (input == "/") return true;
     if (input.size() < 3) return false;
-    std::string path = input;
-    // The slash and the character before it: "/usr/" compares as "/us".
-    if (path.back() == '/') path.resize(path.size() - 2);
 
-    // The real system folders of this machine, whatever the system root.
-    static const char* const linuxSystem[] = {
-        "/usr", "/bin", "/sbin", "/lib",  "/lib64", "/etc", "/var", "/boot", "/dev",  "/proc",
-        "/sys", "/run", "/root", "/home", "/opt",   "/srv", "/tmp", "/mnt",  "/media"};
-    for (const char* s : linuxSystem) {
-        if (path == s) return true;
-    }
+    // The real system folders of this machine are protected in every
+    // spelling, except inside a system root placed elsewhere (under /var/tmp,
+    // say), whose folders are judged below as the hosts would see them.
+    const std::string root = systemRoot();
+    const std::string real = normalised(input);
+    const bool inRoot = !root.empty() && isInside(real, normalised(root));
+    if (!inRoot && isLinuxSystemFolder(real, exactMatch)) return true;
+
+    std::string path = input;
+    // The slash and the character before it: "/System/" compares as "/Syste".
+    if (path.back() == '/') path.resize(path.size() - 2);
+    // Inside the system root, the path the hosts would see: ROOT/usr reads "/usr".
+    const std::string logical = inRoot ? logicalPath(path) : path;
+    if (inRoot && logical == "/") return true;
 
     std::vector<std::string> exact;
     for (bool user : {true, false}) {
@@ -252,24 +292,18 @@ bool KTLocalPaths::isPathSystemDirectory(const std::string& input, bool exactMat
     exact.push_back(userDirectory());
     exact.push_back(systemLibraryDirectory());
     exact.push_back(localDocumentationDirectory());
-    for (const char* lit : {"/Users/Shared", "/usr", "/var", "/bin", "/sbin", "/System"})
-        exact.emplace_back(lit);
-    const std::string root = systemRoot();
-    if (!root.empty()) {
-        exact.push_back(root);
-        for (const char* lit : {"/Users/Shared", "/System"}) exact.push_back(root + lit);
-    }
     for (const auto& e : exact) {
         if (!e.empty() && path == e) return true;
     }
+    for (const char* lit : {"/Users/Shared", "/usr", "/var", "/bin", "/sbin", "/System"}) {
+        if (logical == lit) return true;
+    }
     if (exactMatch) return false;
 
-    if (startsWith(path, "/usr/") && !startsWith(path, "/usr/local/")) return true;
-    for (const char* prefix : {"/var/", "/bin/", "/sbin/", "/private/var/", "/System/", "/lib/",
-                               "/lib64/", "/etc/", "/boot/", "/dev/", "/proc/", "/sys/", "/run/"}) {
-        if (startsWith(path, prefix)) return true;
+    if (startsWith(logical, "/usr/") && !startsWith(logical, "/usr/local/")) return true;
+    for (const char* prefix : {"/var/", "/bin/", "/sbin/", "/private/var/", "/System/"}) {
+        if (startsWith(logical, prefix)) return true;
     }
-    if (!root.empty() && startsWith(path, root + "/System/")) return true;
     return false;
 }
 

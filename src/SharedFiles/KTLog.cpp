@@ -19,6 +19,10 @@
 
 namespace fs = std::filesystem;
 
+#ifndef AMBREL_VERSION
+#define AMBREL_VERSION "unknown"  // a build of a few files alone (the fuzzers)
+#endif
+
 namespace {
 
 std::mutex gClassLock;   // creation of the singleton
@@ -61,7 +65,20 @@ std::string executablePath() {
     return ec ? std::string() : p.string();
 }
 
+/// Standard error without the C library's buffers: usable when nothing else is.
+void printError(const std::string& text) {
+    std::size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t n = ::write(STDERR_FILENO, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return;
+        done += static_cast<std::size_t>(n);
+    }
+}
+
 void terminateHandler() {
+    static std::atomic<bool> entered{false};
+    if (entered.exchange(true)) std::abort();  // a second failure while reporting the first
     std::string reason = "unknown reason";
     if (auto e = std::current_exception()) {
         try {
@@ -72,9 +89,15 @@ void terminateHandler() {
             reason = "a non-standard exception";
         }
     }
-    // The reason must be on disk before the process goes.
-    KTLog::appendLogAndPrint("%@", reason);
-    KTLog::finishWriting();
+    // Standard error first: the log itself may be what failed (no thread
+    // for its writer, no memory, no folder).
+    printError("Terminating: " + reason + "\n");
+    try {
+        // The reason must be on disk before the process goes.
+        KTLog::appendLogAndPrint("%@", reason);
+        KTLog::finishWriting();
+    } catch (...) {
+    }
     std::abort();
 }
 
@@ -101,10 +124,14 @@ KTLog* KTLog::sharedController() {
         // Kept for the life of the process: writers on other threads may
         // still log while static destructors run.
         gShared = new KTLog();
-        std::set_terminate(terminateHandler);
+        installTerminateHandler();
         std::atexit([] { KTLog::willTerminate(); });
     }
     return gShared;
+}
+
+void KTLog::installTerminateHandler() {
+    std::set_terminate(terminateHandler);
 }
 
 std::string KTLog::resolvedAppName() const {
@@ -149,7 +176,9 @@ void KTLog::createNewLog(const std::optional<std::string>& name, bool noPrinting
     log->closeFile();
 
     std::string globalPrefs = KTLocalPaths::prefsDirectory(true) + "/com.quellbrook.global.plist";
-    if (KTPlistPtr prefs = KTPlist::readFile(globalPrefs)) {
+    // A refused file is logged once the new file has its header.
+    std::string refused;
+    if (KTPlistPtr prefs = KTPlist::readFile(globalPrefs, &refused)) {
         // The string "1" or a number equal to true; any other value keeps logging on.
         bool disable = false;
         plist_t v = plist_get_node_type(prefs.get()) == PLIST_DICT
@@ -232,6 +261,7 @@ void KTLog::createNewLog(const std::optional<std::string>& name, bool noPrinting
         log->fd_ = fd;
     }
     log->writeHeader();
+    if (!refused.empty()) KTPlist::logRefusal(globalPrefs, refused);
 }
 
 void KTLog::writeHeader() {
@@ -283,6 +313,22 @@ void KTLog::appendLogAndPrintArgs(std::string_view format, std::vector<KTArg> ar
     printOut(printed + "\n");
 }
 
+void KTLog::systemConsoleArgs(std::string_view format, std::vector<KTArg> args) {
+    std::string text;
+    try {
+        text = trimmed(KTFormat::format(escapeTextForLogging(format), args));
+    } catch (...) {
+        text = trimmed(format);
+    }
+    if (text.empty()) return;
+    printError(text + "\n");
+    try {
+        appendLogArgs("%@", {KTArg(text)}, true);
+    } catch (...) {
+        // The message is on standard error; the log's own failure is not the caller's.
+    }
+}
+
 void KTLog::appendTextToLog(const std::string& raw) {
     std::string text = trimmed(raw);
     if (text.empty() || terminated_) return;
@@ -305,11 +351,14 @@ void KTLog::writerLoop() {
     for (;;) {
         queueChanged_.wait(l, [this] { return stopping_ || !queue_.empty(); });
         if (queue_.empty() && stopping_) return;
-        std::string text = std::move(queue_.front());
-        queue_.pop_front();
+        // Everything queued goes out in one write: a batch of moves logs
+        // several lines per plug-in, and a write per line cost more than the move.
+        std::vector<std::string> batch(std::make_move_iterator(queue_.begin()),
+                                       std::make_move_iterator(queue_.end()));
+        queue_.clear();
         writing_ = true;
         l.unlock();
-        appendLogOnThread(text);
+        appendLinesOnThread(batch);
         l.lock();
         writing_ = false;
         if (queue_.empty()) queueDrained_.notify_all();
@@ -332,6 +381,10 @@ void KTLog::drainQueued() {
 }
 
 void KTLog::appendLogOnThread(const std::string& text) {
+    appendLinesOnThread({text});
+}
+
+void KTLog::appendLinesOnThread(const std::vector<std::string>& texts) {
     try {
         if (!loggingDisabled_) {
             bool needOpen;
@@ -349,22 +402,26 @@ void KTLog::appendLogOnThread(const std::string& text) {
                 if (fd_ < 0 && !path.empty())
                     fd_ = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
                 if (fd_ >= 0) {
-                    std::string line = dateDescription() + " - " + text + "\n";
+                    const std::string stamp = dateDescription() + " - ";
+                    std::string lines;
+                    for (const auto& text : texts) lines += stamp + text + "\n";
                     std::size_t done = 0;
-                    while (done < line.size()) {
-                        ssize_t n = ::write(fd_, line.data() + done, line.size() - done);
+                    while (done < lines.size()) {
+                        ssize_t n = ::write(fd_, lines.data() + done, lines.size() - done);
                         if (n < 0 && errno == EINTR) continue;
                         if (n <= 0) throw std::runtime_error(std::strerror(errno));
                         done += static_cast<std::size_t>(n);
                     }
-                    bytesWritten_ += line.size();
+                    bytesWritten_ += lines.size();
                     written = true;
                 }
             }
             if (!written) {
                 if (!noPrinting_) {
-                    printOut("Unable to log the following information: " + text + "\n");
-                    printOut("Unable to open log for output\n");
+                    for (const auto& text : texts) {
+                        printOut("Unable to log the following information: " + text + "\n");
+                        printOut("Unable to open log for output\n");
+                    }
                 }
             } else if (!restarting_ && bytesWritten_ >= gRestartThreshold.load()) {
                 // The entries queued so far still belong to the old file; the
@@ -381,7 +438,8 @@ void KTLog::appendLogOnThread(const std::string& text) {
         if (!loggingDisabled_ && !noPrinting_)
             printOut(std::string("Exception writing to log: ") + e.what() + "\n");
     }
-    std::uint64_t n = characterCount(text);
+    std::uint64_t n = 0;
+    for (const auto& text : texts) n += characterCount(text);
     std::uint64_t cur = bytesInQueue_.load();
     while (!bytesInQueue_.compare_exchange_weak(cur, cur >= n ? cur - n : 0)) {
     }

@@ -45,6 +45,19 @@ class KTLog {
     }
     template <class... A>
     static void debugPrint(std::string_view, const A&...) {}
+    /// For messages meant for the system log or the system console: written
+    /// to standard error at once (where a user of the command line sees
+    /// them), then logged like `appendLog`. A log that cannot be written does
+    /// not keep the message from standard error.
+    template <class... A>
+    static void systemConsole(std::string_view format, const A&... args) {
+        systemConsoleArgs(format, {KTArg(args)...});
+    }
+
+    /// The handler that reports an uncaught exception on standard error and
+    /// in the log; installed by the first use of the log, and by main before
+    /// anything can fail.
+    static void installTerminateHandler();
 
     static std::string escapeTextForLogging(std::string_view text);
     static void finishWriting();
@@ -90,8 +103,12 @@ class KTLog {
     KTLog();
     static void appendLogArgs(std::string_view format, std::vector<KTArg> args, bool mayWait);
     static void appendLogAndPrintArgs(std::string_view format, std::vector<KTArg> args, bool print);
+    static void systemConsoleArgs(std::string_view format, std::vector<KTArg> args);
     void writerLoop();
     void drainQueued();
+    /// Writes entries as consecutive lines in one write, then restarts the
+    /// file when it has reached the threshold.
+    void appendLinesOnThread(const std::vector<std::string>& texts);
     bool onWriter() const { return std::this_thread::get_id() == writerId_; }
     static bool isSuperuser();
     void writeHeader();

@@ -1,30 +1,69 @@
 #include "SharedFiles/KTPlist.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
 #include "SharedFiles/KTLocalPaths.h"
+#include "SharedFiles/KTLog.h"
+#include "SharedFiles/KTPlistGuard.h"
 
 KTPlistPtr KTPlist::fromMemory(const std::string& bytes) {
+    return fromMemory(bytes, nullptr);
+}
+
+KTPlistPtr KTPlist::fromMemory(const std::string& bytes, std::string* refused) {
     if (bytes.empty() || bytes.size() > 0xFFFFFFFFu) return nullptr;
+    if (auto why = KTPlistGuard::refusal(bytes)) {
+        if (refused) *refused = *why;
+        return nullptr;
+    }
     plist_t p = nullptr;
     plist_from_memory(bytes.data(), static_cast<uint32_t>(bytes.size()), &p);
     return KTPlistPtr(p);
 }
 
 KTPlistPtr KTPlist::readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return nullptr;
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return fromMemory(ss.str());
+    std::string refused;
+    KTPlistPtr p = readFile(path, &refused);
+    if (!refused.empty()) logRefusal(path, refused);
+    return p;
+}
+
+KTPlistPtr KTPlist::readFile(const std::string& path, std::string* refused) {
+    // Not blocking on a pipe, not reading a device that never ends.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) return nullptr;
+    std::string bytes;
+    struct stat st {};
+    bool ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+              static_cast<std::uint64_t>(st.st_size) <= kMaxFileSize;
+    if (ok) {
+        bytes.resize(static_cast<std::size_t>(st.st_size));
+        std::size_t done = 0;
+        while (done < bytes.size()) {
+            const ssize_t n = ::read(fd, bytes.data() + done, bytes.size() - done);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) break;
+            done += static_cast<std::size_t>(n);
+        }
+        bytes.resize(done);
+    }
+    ::close(fd);
+    if (!ok) {
+        if (refused && S_ISREG(st.st_mode)) *refused = "larger than a property list can be";
+        return nullptr;
+    }
+    return fromMemory(bytes, refused);
+}
+
+void KTPlist::logRefusal(const std::string& path, const std::string& reason) {
+    KTLog::appendLog("Unable to read property list %@ - %@", path, reason);
 }
 
 std::string KTPlist::toXML(plist_t node) {

@@ -2,6 +2,7 @@
 
 #include <plist/plist.h>
 
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
@@ -14,13 +15,26 @@ struct KTPlistDeleter {
 };
 using KTPlistPtr = std::unique_ptr<void, KTPlistDeleter>;
 
-/// Property-list files: XML or binary read, XML or binary written.
+/// Property-list files: XML or binary read, XML or binary written. Every
+/// list the program reads comes through here, and KTPlistGuard looks at the
+/// bytes before libplist does (plug-ins ship these files).
 class KTPlist {
   public:
-    /// Parses a property list held in memory (XML or binary); null when it is not one.
+    /// The largest file `readFile` reads.
+    static constexpr std::size_t kMaxFileSize = 32 << 20;
+
+    /// Parses a property list held in memory (XML or binary); null when it is
+    /// not one, or when the guard refuses it.
     static KTPlistPtr fromMemory(const std::string& bytes);
-    /// Reads a property-list file; null when missing, unreadable or corrupt.
+    /// The same; a refusal's reason goes to `refused` (left alone otherwise).
+    static KTPlistPtr fromMemory(const std::string& bytes, std::string* refused);
+    /// Reads a property-list file; null when missing, unreadable, corrupt or
+    /// refused. A refused file is logged once here, by name.
     static KTPlistPtr readFile(const std::string& path);
+    /// The same without the log line: a refusal's reason goes to `refused`.
+    static KTPlistPtr readFile(const std::string& path, std::string* refused);
+    /// The line a refused file is logged with.
+    static void logRefusal(const std::string& path, const std::string& reason);
     static std::string toXML(plist_t node);
     static std::string toBinary(plist_t node);
     /// Writes atomically: a temporary file beside the target, then a rename.

@@ -155,10 +155,12 @@ KTPlistPtr KTPreferences::load(bool* corrupt) const {
         reportUnreadable(file, std::strerror(readError));
         return KTPlistPtr(plist_new_dict());
     }
-    KTPlistPtr dict = KTPlist::fromMemory(bytes);
+    std::string refused;
+    KTPlistPtr dict = KTPlist::fromMemory(bytes, &refused);
     if (!dict || plist_get_node_type(dict.get()) != PLIST_DICT) {
         *corrupt = true;
-        reportUnreadable(file, "not a property list of keys and values");
+        reportUnreadable(file,
+                         refused.empty() ? "not a property list of keys and values" : refused);
         return KTPlistPtr(plist_new_dict());
     }
     return dict;

@@ -4,7 +4,9 @@
 #include <string>
 #include <vector>
 
+#include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTMainThread.h"
+#include "SharedFiles/linux/KTStandardStreams.h"
 #include "app/core/KTCommandLine.h"
 
 #ifdef AMBREL_HAVE_GUI
@@ -25,6 +27,10 @@ bool hasDisplay() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Before anything opens a file: a closed standard output would otherwise
+    // become the log, and the log would receive the listing.
+    if (!KTStandardStreams::openMissing()) return KTCommandLine::kControllerFailed;
+    KTLog::installTerminateHandler();
     // The thread that starts the program is the main thread of both modes.
     KTMainThread::setShared(std::make_shared<KTInlineMainThread>());
     std::vector<std::string> args(argv + 1, argv + argc);

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <mutex>
+#include <set>
 #include <thread>
 
 #include "SharedFiles/KTFinderInfo.h"
@@ -47,16 +49,21 @@ std::string join(const std::string& folder, const std::string& name) {
     return folder + "/" + name;
 }
 
-/// The names in a folder in the order the file system lists them; nothing
+struct FolderEntry {
+    std::string name;
+    unsigned char type;  ///< DT_LNK, DT_DIR, ...; DT_UNKNOWN where the file system does not say
+};
+
+/// The entries of a folder in the order the file system lists them; nothing
 /// with the error text when it cannot be read.
-std::optional<std::vector<std::string>> listFolder(const std::string& folder, std::string& error,
-                                                   bool settled = false) {
+std::optional<std::vector<FolderEntry>> listFolder(const std::string& folder, std::string& error,
+                                                  bool settled = false) {
     DIR* dir = ::opendir(folder.c_str());
     if (!dir) {
         error = std::strerror(errno);
         return std::nullopt;
     }
-    std::vector<std::string> names;
+    std::vector<FolderEntry> entries;
     bool leftovers = false;
     while (struct dirent* e = ::readdir(dir)) {
         if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
@@ -66,7 +73,7 @@ std::optional<std::vector<std::string>> listFolder(const std::string& folder, st
             leftovers = true;
             continue;
         }
-        names.emplace_back(e->d_name);
+        entries.push_back({e->d_name, e->d_type});
     }
     ::closedir(dir);
     if (leftovers && !settled) {
@@ -75,7 +82,99 @@ std::optional<std::vector<std::string>> listFolder(const std::string& folder, st
         KTTransfer::shared().recoverFolder(folder);
         return listFolder(folder, error, true);
     }
-    return names;
+    return entries;
+}
+
+/// Whether `folder` is `path` or holds it (both canonical).
+bool holds(const std::string& folder, const std::string& path) {
+    if (folder == "/") return true;
+    return path == folder ||
+           (path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
+            path[folder.size()] == '/');
+}
+
+std::string canonical(const std::string& path) {
+    std::error_code ec;
+    std::string c = std::filesystem::canonical(path, ec).string();
+    return ec ? std::string() : c;
+}
+
+/// One listing's walk. A symbolic link to a folder is followed only once per
+/// real folder (device and inode of every folder on the current walk and
+/// already walked), never into a folder that holds a folder of the listing,
+/// and never out of the system root and the user's home: a link to "/", or
+/// three folders linking to each other, would otherwise walk forever or list
+/// the same plug-ins again and again.
+class ScanWalk {
+  public:
+    ScanWalk(std::vector<std::string> topFolders, bool includeFolders, bool ignoreFxFactory)
+        : topFolders_(std::move(topFolders)),
+          includeFolders_(includeFolders),
+          ignoreFxFactory_(ignoreFxFactory) {}
+
+    std::optional<std::vector<std::string>> scan(const std::string& folder);
+
+  private:
+    using Identity = std::pair<dev_t, ino_t>;
+
+    /// Why the link at `link` (leading to the folder `st`) is not followed,
+    /// or nothing. `top` for a folder of the listing itself, which may lie
+    /// anywhere (plug-in folders moved to another disk) but not hold another.
+    std::optional<std::string> refusal(const std::string& link, const struct stat& st, bool top,
+                                       std::string& target);
+    void logRefusal(const std::string& link, const std::string& target, const std::string& why);
+    const std::vector<std::string>& canonicalTops();
+
+    std::vector<std::string> topFolders_;
+    std::vector<std::string> canonicalTops_;
+    std::vector<std::string> allowedPlaces_;
+    bool canonicalDone_ = false;
+    bool includeFolders_, ignoreFxFactory_;
+    std::set<Identity> walked_;
+};
+
+const std::vector<std::string>& ScanWalk::canonicalTops() {
+    if (!canonicalDone_) {
+        canonicalDone_ = true;
+        for (const auto& f : topFolders_) {
+            if (auto c = canonical(f); !c.empty()) canonicalTops_.push_back(c);
+        }
+        const std::string root = KTLocalPaths::systemRoot();
+        for (const std::string& place :
+             {root.empty() ? std::string("/") : root, KTLocalPaths::userDirectory()}) {
+            if (auto c = canonical(place); !c.empty()) allowedPlaces_.push_back(c);
+        }
+    }
+    return canonicalTops_;
+}
+
+std::optional<std::string> ScanWalk::refusal(const std::string& link, const struct stat& st,
+                                             bool top, std::string& target) {
+    if (walked_.count({st.st_dev, st.st_ino})) return "a folder already listed";
+    target = canonical(link);
+    if (target.empty()) return "a folder that cannot be resolved";
+    for (const auto& t : canonicalTops()) {
+        if (top && target == t) continue;
+        if (target == t) return "a plug-in folder listed in its own right";
+        if (holds(target, t)) return "a folder that holds a plug-in folder";
+    }
+    if (top) return std::nullopt;
+    for (const auto& place : allowedPlaces_) {
+        if (holds(place, target)) return std::nullopt;
+    }
+    return "outside the system root and the home folder";
+}
+
+void ScanWalk::logRefusal(const std::string& link, const std::string& target,
+                          const std::string& why) {
+    // Every reload lists the same links again: say it once per process.
+    static std::mutex lock;
+    static std::set<std::string> logged;
+    {
+        std::lock_guard<std::mutex> l(lock);
+        if (!logged.insert(link).second) return;
+    }
+    KTLog::appendLog("Not following link %@ to %@ - %@", link, target.empty() ? "?" : target, why);
 }
 
 /// Display name of a path's last component: the name less its extension,
@@ -115,46 +214,46 @@ std::set<std::string> AppController::fileExtensionsInFileArray(const std::vector
     return out;
 }
 
-namespace {
-std::optional<std::vector<std::string>> scanFolder(const std::string& folder, bool includeFolders,
-                                                   bool ignoreFxFactory);
-}  // namespace
-
 std::optional<std::vector<std::string>> AppController::scanPluginsInFolder(const std::string& folder,
                                                                            bool includeFolders) {
-    return scanFolder(folder, includeFolders,
-                      KTPreferences::standard().integerForKey("ignoreFxFactory") == 1);
+    ScanWalk walk({folder}, includeFolders,
+                  KTPreferences::standard().integerForKey("ignoreFxFactory") == 1);
+    return walk.scan(folder);
 }
 
 namespace {
-std::optional<std::vector<std::string>> scanFolder(const std::string& folder, bool includeFolders,
-                                                   bool ignoreFxFactory) {
+std::optional<std::vector<std::string>> ScanWalk::scan(const std::string& folder) {
     std::vector<std::string> result;
-    // A link that points into itself would make the walk endless.
     std::string plain = folder;
     while (plain.size() > 1 && plain.back() == '/') plain.pop_back();
-    struct stat lst {};
-    if (::lstat(plain.c_str(), &lst) == 0 && S_ISLNK(lst.st_mode)) {
-        std::error_code ec;
-        std::string target = std::filesystem::read_symlink(plain, ec).string();
-        if (!target.empty() && target.front() != '/')
-            target = (std::filesystem::path(plain).parent_path() / target).lexically_normal().string();
-        if (!ec && target.rfind(plain, 0) == 0) return result;
-    }
     struct stat st {};
-    if (::stat(plain.c_str(), &st) != 0) return result;
+    if (::stat(plain.c_str(), &st) != 0) return result;  // nothing there: nothing to say
+    if (S_ISDIR(st.st_mode)) {
+        struct stat lst {};
+        if (::lstat(plain.c_str(), &lst) == 0 && S_ISLNK(lst.st_mode)) {
+            std::string target;
+            if (auto why = refusal(plain, st, true, target)) {
+                logRefusal(plain, target, *why);
+                return result;
+            }
+        }
+        // Bind mounts can loop without a link.
+        if (!walked_.insert({st.st_dev, st.st_ino}).second) return result;
+    }
 
     std::string error;
-    auto names = listFolder(plain, error);
-    if (!names) {
+    auto entries = listFolder(plain, error);
+    if (!entries) {
         KTLog::appendLog("Error getting contents of directory %@ - %@", folder, error);
         return std::nullopt;
     }
-    const std::set<std::string> extensions = AppController::fileExtensionsInFileArray(*names);
-    const bool holdsTemplate = extensions.count("moti") || extensions.count("motn") ||
-                               extensions.count("motr") || extensions.count("moef");
+    bool holdsTemplate = false;
+    for (const auto& e : *entries) {
+        if (isTemplateDocumentExtension(KTFilePackage::lowerExtension(e.name)))
+            holdsTemplate = true;
+    }
 
-    for (const auto& name : *names) {
+    for (const auto& [name, type] : *entries) {
         const std::string full = join(plain, name);
         const std::string ext = KTFilePackage::lowerExtension(name);
         if (isTemplateDocumentExtension(ext)) return result;  // the folder is a template: its parent lists it
@@ -168,26 +267,33 @@ std::optional<std::vector<std::string>> scanFolder(const std::string& folder, bo
         }
         if (!ext.empty() && ext != "localized" && !KTPluginLocations::isNumeric(ext)) continue;
         if (name == ".localized" || name == ".Disabled") continue;
-        if (KTFilePackage::isFilePackage(full) || !isFolder(full)) continue;
-        if (ignoreFxFactory) {  // a folder another installer manages
+        if (type != DT_DIR && type != DT_LNK && type != DT_UNKNOWN) continue;
+        if (KTFilePackage::isFilePackage(full)) continue;
+        struct stat sub {};
+        if (::stat(full.c_str(), &sub) != 0 || !S_ISDIR(sub.st_mode)) continue;
+        if (ignoreFxFactory_) {  // a folder another installer manages
             struct stat marker {};
             if (::lstat(join(full, ".fxfactory.plist").c_str(), &marker) == 0) continue;
         }
-        // With a link back to an ancestor the walk would never end.
-        struct stat entry {};
-        if (::lstat(full.c_str(), &entry) == 0 && S_ISLNK(entry.st_mode)) {
-            std::error_code ec;
-            auto target = std::filesystem::canonical(full, ec).string();
-            auto self = std::filesystem::canonical(plain, ec).string();
-            if (!ec && (self == target || self.rfind(target + "/", 0) == 0)) continue;
+        bool isLink = type == DT_LNK;
+        if (type == DT_UNKNOWN) {
+            struct stat l {};
+            isLink = ::lstat(full.c_str(), &l) == 0 && S_ISLNK(l.st_mode);
         }
-        if (includeFolders) {
+        if (isLink) {
+            std::string target;
+            if (auto why = refusal(full, sub, false, target)) {
+                logRefusal(full, target, *why);
+                continue;
+            }
+        } else if (walked_.count({sub.st_dev, sub.st_ino})) {
+            continue;
+        }
+        if (includeFolders_) {
             if (name == "Media" && holdsTemplate) continue;  // a template's media, not a group
             result.push_back(full);
         }
-        if (auto sub = scanFolder(full, includeFolders, ignoreFxFactory)) {
-            result.insert(result.end(), sub->begin(), sub->end());
-        }
+        if (auto found = scan(full)) result.insert(result.end(), found->begin(), found->end());
     }
     return result;
 }
@@ -242,13 +348,16 @@ std::vector<std::string> AppController::listPlugins(bool includeDisabled, bool i
                                                     const std::vector<std::string>& folders) {
     KTLog::appendLog("Generating list of plugins...");
     const bool ignoreFxFactory = KTPreferences::standard().integerForKey("ignoreFxFactory") == 1;
-    std::vector<std::string> result;
+    std::vector<std::string> scanned;
     for (int pass = 0; pass < (includeDisabled ? 2 : 1); ++pass) {
-        for (const auto& folder : folders) {
-            std::string scanned = pass == 0 ? folder : KTPluginLocations::disabledPathForPath(folder);
-            if (auto found = scanFolder(scanned, includeFolders, ignoreFxFactory))
-                result.insert(result.end(), found->begin(), found->end());
-        }
+        for (const auto& folder : folders)
+            scanned.push_back(pass == 0 ? folder : KTPluginLocations::disabledPathForPath(folder));
+    }
+    ScanWalk walk(scanned, includeFolders, ignoreFxFactory);
+    std::vector<std::string> result;
+    for (const auto& folder : scanned) {
+        if (auto found = walk.scan(folder))
+            result.insert(result.end(), found->begin(), found->end());
     }
     return result;
 }
@@ -349,6 +458,7 @@ void AppController::loadPluginData() {
             }
             queue.waitUntilAllOperationsAreFinished();
         }
+        outline_->setLoadedPaths(std::move(paths));
         outline_->setLoading(false);
         KTLog::appendLog("Refreshing data...");
         KTMainThread::shared().runAndWait([this] {

@@ -10,8 +10,10 @@
 #include <filesystem>
 #include <sstream>
 
+#include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTPlist.h"
 #include "catalogue/KTMachO.h"
+#include "catalogue/KTStringsFile.h"
 
 namespace fs = std::filesystem;
 
@@ -38,141 +40,6 @@ bool readSmallFile(const fs::path& p, std::string& out, std::size_t limit = 4 <<
     ::close(fd);
     return ok;
 }
-
-void appendUTF8(std::string& out, char32_t c) {
-    if (c < 0x80) {
-        out += char(c);
-    } else if (c < 0x800) {
-        out += char(0xC0 | (c >> 6));
-        out += char(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-        out += char(0xE0 | (c >> 12));
-        out += char(0x80 | ((c >> 6) & 0x3F));
-        out += char(0x80 | (c & 0x3F));
-    } else {
-        out += char(0xF0 | (c >> 18));
-        out += char(0x80 | ((c >> 12) & 0x3F));
-        out += char(0x80 | ((c >> 6) & 0x3F));
-        out += char(0x80 | (c & 0x3F));
-    }
-}
-
-std::string utf16ToUTF8(const std::string& bytes, bool bigEndian, std::size_t start) {
-    std::string out;
-    for (std::size_t i = start; i + 1 < bytes.size(); i += 2) {
-        auto b0 = static_cast<unsigned char>(bytes[i]), b1 = static_cast<unsigned char>(bytes[i + 1]);
-        char32_t u = bigEndian ? (b0 << 8 | b1) : (b1 << 8 | b0);
-        if (u >= 0xD800 && u < 0xDC00 && i + 3 < bytes.size()) {
-            auto c0 = static_cast<unsigned char>(bytes[i + 2]),
-                 c1 = static_cast<unsigned char>(bytes[i + 3]);
-            char32_t lo = bigEndian ? (c0 << 8 | c1) : (c1 << 8 | c0);
-            if (lo >= 0xDC00 && lo < 0xE000) {
-                u = 0x10000 + ((u - 0xD800) << 10) + (lo - 0xDC00);
-                i += 2;
-            }
-        }
-        appendUTF8(out, u);
-    }
-    return out;
-}
-
-/// A small reader of the old-style strings syntax.
-class StringsParser {
-public:
-    explicit StringsParser(const std::string& text) : s_(text) {}
-
-    std::map<std::string, std::string> parse() {
-        std::map<std::string, std::string> out;
-        for (;;) {
-            skipSpace();
-            if (pos_ >= s_.size()) break;
-            std::string key;
-            if (!token(key)) break;
-            skipSpace();
-            if (pos_ < s_.size() && s_[pos_] == ';') {
-                ++pos_;
-                out[key] = key;
-                continue;
-            }
-            if (pos_ >= s_.size() || s_[pos_] != '=') break;
-            ++pos_;
-            skipSpace();
-            std::string value;
-            if (!token(value)) break;
-            skipSpace();
-            if (pos_ < s_.size() && s_[pos_] == ';') ++pos_;
-            out[key] = value;
-        }
-        return out;
-    }
-
-private:
-    void skipSpace() {
-        while (pos_ < s_.size()) {
-            char c = s_[pos_];
-            if (c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f') {
-                ++pos_;
-            } else if (s_.compare(pos_, 2, "/*") == 0) {
-                auto end = s_.find("*/", pos_ + 2);
-                pos_ = end == std::string::npos ? s_.size() : end + 2;
-            } else if (s_.compare(pos_, 2, "//") == 0) {
-                auto end = s_.find('\n', pos_);
-                pos_ = end == std::string::npos ? s_.size() : end + 1;
-            } else {
-                break;
-            }
-        }
-    }
-
-    bool token(std::string& out) {
-        if (pos_ >= s_.size()) return false;
-        if (s_[pos_] == '"') {
-            ++pos_;
-            while (pos_ < s_.size() && s_[pos_] != '"') {
-                char c = s_[pos_++];
-                if (c != '\\' || pos_ >= s_.size()) {
-                    out += c;
-                    continue;
-                }
-                char e = s_[pos_++];
-                switch (e) {
-                    case 'n': out += '\n'; break;
-                    case 't': out += '\t'; break;
-                    case 'r': out += '\r'; break;
-                    case 'U':
-                    case 'u': {
-                        char32_t u = 0;
-                        int digits = 0;
-                        while (digits < 4 && pos_ < s_.size() && std::isxdigit(static_cast<unsigned char>(s_[pos_]))) {
-                            u = u * 16 + std::stoi(std::string(1, s_[pos_++]), nullptr, 16);
-                            ++digits;
-                        }
-                        appendUTF8(out, u);
-                        break;
-                    }
-                    default: out += e;
-                }
-            }
-            if (pos_ >= s_.size()) return false;
-            ++pos_;
-            return true;
-        }
-        std::size_t start = pos_;
-        while (pos_ < s_.size()) {
-            char c = s_[pos_];
-            if (std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '$' || c == '.' ||
-                c == '/' || c == ':' || c == '-' || c == '+')
-                ++pos_;
-            else
-                break;
-        }
-        out = s_.substr(start, pos_ - start);
-        return pos_ > start;
-    }
-
-    const std::string& s_;
-    std::size_t pos_ = 0;
-};
 
 /// The localisation folders of a bundle's resources, English first.
 std::vector<fs::path> localisations(const fs::path& resources) {
@@ -208,13 +75,25 @@ class LocalisedStrings {
 public:
     explicit LocalisedStrings(fs::path resources) : resources_(std::move(resources)) {}
 
+    /// Whether a table was refused (and logged): the bundle is not to be believed.
+    bool refused() const { return refused_; }
+
     std::optional<std::string> value(const char* key) {
         if (!loaded_) {
             loaded_ = true;
             for (const auto& lproj : localisations(resources_)) {
                 std::string bytes;
-                if (readSmallFile(lproj / "InfoPlist.strings", bytes))
-                    tables_.push_back(KTBundleInfo::parseStrings(bytes));
+                const fs::path file = lproj / "InfoPlist.strings";
+                if (!readSmallFile(file, bytes)) continue;
+                std::string why;
+                if (auto table = KTStringsFile::parse(bytes, &why)) {
+                    tables_.push_back(std::move(*table));
+                } else {
+                    KTLog::appendLog("Unable to read strings file %@ - %@", file.string(), why);
+                    refused_ = true;
+                    tables_.clear();
+                    return std::nullopt;
+                }
             }
         }
         for (const auto& table : tables_) {
@@ -226,6 +105,7 @@ public:
 private:
     fs::path resources_;
     bool loaded_ = false;
+    bool refused_ = false;
     std::vector<std::map<std::string, std::string>> tables_;
 };
 
@@ -250,38 +130,7 @@ std::optional<std::string> stringOrNumber(plist_t dict, const char* key) {
 }  // namespace
 
 std::map<std::string, std::string> KTBundleInfo::parseStrings(const std::string& bytes) {
-    std::string text;
-    if (bytes.size() >= 2 && static_cast<unsigned char>(bytes[0]) == 0xFF &&
-        static_cast<unsigned char>(bytes[1]) == 0xFE) {
-        text = utf16ToUTF8(bytes, false, 2);
-    } else if (bytes.size() >= 2 && static_cast<unsigned char>(bytes[0]) == 0xFE &&
-               static_cast<unsigned char>(bytes[1]) == 0xFF) {
-        text = utf16ToUTF8(bytes, true, 2);
-    } else if (bytes.rfind("bplist", 0) == 0 || bytes.find("<plist") != std::string::npos) {
-        std::map<std::string, std::string> out;
-        KTPlistPtr p = KTPlist::fromMemory(bytes);
-        if (!p || plist_get_node_type(p.get()) != PLIST_DICT) return out;
-        plist_dict_iter it = nullptr;
-        plist_dict_new_iter(p.get(), &it);
-        for (;;) {
-            char* key = nullptr;
-            plist_t value = nullptr;
-            plist_dict_next_item(p.get(), it, &key, &value);
-            if (!key) break;
-            if (value && plist_get_node_type(value) == PLIST_STRING) {
-                char* s = nullptr;
-                plist_get_string_val(value, &s);
-                out[key] = s ? s : "";
-                free(s);
-            }
-            free(key);
-        }
-        free(it);
-        return out;
-    } else {
-        text = bytes.rfind("\xEF\xBB\xBF", 0) == 0 ? bytes.substr(3) : bytes;
-    }
-    return StringsParser(text).parse();
+    return KTStringsFile::parse(bytes).value_or(KTStringsFile::Table{});
 }
 
 std::string KTBundleInfo::infoPlistPath(const std::string& bundlePath) {
@@ -303,7 +152,10 @@ KTBundleInfo KTBundleInfo::read(const std::string& bundlePath) {
     if (plistPath.empty()) return info;
     std::string bytes;
     if (!readSmallFile(plistPath, bytes)) return info;
-    KTPlistPtr plist = KTPlist::fromMemory(bytes);
+    // A refused file leaves the details empty; the item keeps what the scan gave it.
+    std::string refused;
+    KTPlistPtr plist = KTPlist::fromMemory(bytes, &refused);
+    if (!refused.empty()) KTPlist::logRefusal(plistPath, refused);
     if (!plist || plist_get_node_type(plist.get()) != PLIST_DICT) return info;
 
     const bool hasContents = fs::path(plistPath).parent_path().filename() == "Contents";
@@ -315,6 +167,7 @@ KTBundleInfo KTBundleInfo::read(const std::string& bundlePath) {
     if (!name) name = KTPlist::stringForKey(plist.get(), "CFBundleDisplayName");
     if (!name) name = localised.value("CFBundleName");
     if (!name) name = KTPlist::stringForKey(plist.get(), "CFBundleName");
+    if (localised.refused()) return info;
     if (name && *name != "${PRODUCT_NAME}" && !name->empty()) info.name = name;
 
     info.version = stringOrNumber(plist.get(), "CFBundleShortVersionString");

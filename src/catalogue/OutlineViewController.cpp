@@ -240,6 +240,16 @@ void OutlineViewController::rebuildPathIndex() {
     indexedGeneration_ = treeGeneration_;
 }
 
+std::vector<std::string> OutlineViewController::loadedPaths() const {
+    std::lock_guard<std::recursive_mutex> l(treeLock_);
+    return loadedPaths_;
+}
+
+void OutlineViewController::setLoadedPaths(std::vector<std::string> paths) {
+    std::lock_guard<std::recursive_mutex> l(treeLock_);
+    loadedPaths_ = std::move(paths);
+}
+
 std::shared_ptr<KTPluginItem> OutlineViewController::pluginFromPath(const std::string& path) {
     std::lock_guard<std::recursive_mutex> l(treeLock_);
     auto matches = [&](const std::shared_ptr<KTPluginItem>& item) {

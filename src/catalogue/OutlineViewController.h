@@ -78,6 +78,11 @@ public:
     /// The plug-in whose path is `path`, or null. Looked up through an index
     /// that is rebuilt when the tree changed or an item has moved.
     std::shared_ptr<KTPluginItem> pluginFromPath(const std::string& path);
+    /// The paths the last load listed (plug-ins and group folders), in
+    /// listing order: a verb over every plug-in walks these instead of
+    /// listing the disk again.
+    std::vector<std::string> loadedPaths() const;
+    void setLoadedPaths(std::vector<std::string> paths);
     std::vector<std::shared_ptr<KTPluginItem>> allPlugins() const;
     std::vector<std::shared_ptr<KTPluginItem>> allPluginsForGroup(const KTGroupItem& group) const;
 
@@ -212,6 +217,7 @@ private:
     bool hasGUI_ = false;
     std::string disabledPath_;
     mutable std::recursive_mutex treeLock_;
+    std::vector<std::string> loadedPaths_;  // under treeLock_
     KTItemList dataArray_;
     KTItemList filteredArray_;
     /// Top groups made under the tree lock and not yet appended by the main thread.

@@ -12,6 +12,7 @@
 #include "catalogue/KTOutlineView.h"
 #include "catalogue/KTPluginLocations.h"
 #include "catalogue/OutlineViewController.h"
+#include "operations/KTMoveBatch.h"
 #include "operations/KTOperationSupport.h"
 
 namespace fs = std::filesystem;
@@ -80,6 +81,7 @@ void AppController::enableDisable(const KTItemList& selection, const std::string
 
 void AppController::toggleEnableDisableOnThread(const KTToggleArgs& args) {
     OutlineViewController& outline = *outline_;
+    KTMoveBatch batch;
     runToggleBatch(
         *this, outline, args.objectArray,
         [&](const KTItemPtr& item) {
@@ -103,6 +105,7 @@ void AppController::toggleUserAccess(const KTItemList& selection, const std::str
 
 void AppController::toggleUserAccessOnThread(const KTToggleArgs& args) {
     OutlineViewController& outline = *outline_;
+    KTMoveBatch batch;
     runToggleBatch(
         *this, outline, args.objectArray,
         [&](const KTItemPtr& item) { outline.setAccess(args.newValue, item, false, false); },

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -21,6 +22,7 @@
 #include "catalogue/KTOutlineView.h"
 #include "catalogue/OutlineViewController.h"
 #include "operations/KTFileMover.h"
+#include "operations/KTMoveBatch.h"
 #include "operations/KTOperationSupport.h"
 
 namespace fs = std::filesystem;
@@ -41,6 +43,33 @@ class ProgressSpinner {
   private:
     AppController* app_;
 };
+
+/// Whether the user may take `oldPath` out of its folder and put it in
+/// `folder` (its stat given): the plain move's permission check. Within a
+/// batch the folders' answers are asked once; the item's own is asked each time.
+bool plainMoveAllowed(const std::string& oldPath, const std::string& folder,
+                      const struct stat& folderStat) {
+    if (!isWritable(oldPath)) return false;
+    KTMoveBatch* batch = KTMoveBatch::current();
+    struct stat from {};
+    if (::stat(parentOf(oldPath).c_str(), &from) != 0) return false;
+    std::optional<bool> fromOk =
+        batch ? batch->movableFrom(from.st_dev, from.st_ino) : std::nullopt;
+    if (!fromOk) {
+        fromOk = isDeletable(oldPath);
+        // In a sticky folder the answer depends on each item's owner.
+        if (batch && !(from.st_mode & S_ISVTX))
+            batch->noteMovableFrom(from.st_dev, from.st_ino, *fromOk);
+    }
+    if (!*fromOk) return false;
+    std::optional<bool> intoOk =
+        batch ? batch->movableInto(folderStat.st_dev, folderStat.st_ino) : std::nullopt;
+    if (!intoOk) {
+        intoOk = isWritable(folder) && isDeletable(folder);
+        if (batch) batch->noteMovableInto(folderStat.st_dev, folderStat.st_ino, *intoOk);
+    }
+    return *intoOk;
+}
 
 std::string withoutTrailingSlash(std::string path) {
     while (path.size() > 1 && path.back() == '/') path.pop_back();
@@ -90,8 +119,10 @@ bool OutlineViewController::moveFilter(const std::shared_ptr<KTPluginItem>& item
         }
         const std::string target = KTPluginLocations::disabledPathForPath(path);
         const std::string parent = parentOf(target);
-        if (createFolder(parent, "Unable to create directory %@ - %@. Authorizing...") ==
-            FolderCreation::Refused) {
+        const FolderCreation made =
+            createFolder(parent, "Unable to create directory %@ - %@. Authorizing...");
+        if (made != FolderCreation::Existed) KTMoveBatch::forgetCurrent();
+        if (made == FolderCreation::Refused) {
             KTTaskNotification::postTaskErrorString("Ambrel: Unable to authorize.");
             KTLog::appendLog("Unable to authorize.");
             return false;
@@ -117,6 +148,13 @@ bool OutlineViewController::moveFileFrom(const std::string& oldPath, const std::
     if (oldPath.empty() || newPath.empty()) return false;
     if (!exists(oldPath)) return true;
     if (app_ && app_->processingCancelled()) return false;
+    // What the batch knows holds only while its moves succeed.
+    struct ForgetUnlessMoved {
+        bool moved = false;
+        ~ForgetUnlessMoved() {
+            if (!moved) KTMoveBatch::forgetCurrent();
+        }
+    } batchKnowledge;
 
     unlockItemsInPath(oldPath);
     unlockItemsInPath(newPath);
@@ -126,6 +164,7 @@ bool OutlineViewController::moveFileFrom(const std::string& oldPath, const std::
     const std::string folder = parentOf(newPath);
     if (!exists(folder)) {
         KTLog::appendLog("Creating new containing folder at %@...", folder);
+        KTMoveBatch::forgetCurrent();  // a new folder: what was known above it may change
         if (createFolder(folder, "Unable to create directory at %@ - %@. Authorizing...") ==
             FolderCreation::Refused) {
             KTLog::appendLog("User cancelled authorization.");
@@ -133,7 +172,9 @@ bool OutlineViewController::moveFileFrom(const std::string& oldPath, const std::
             return false;
         }
     }
-    if (!exists(folder)) {
+    // One look at the folder: whether it is there, and which folder it is for the batch's answers.
+    struct stat folderStat {};
+    if (::stat(folder.c_str(), &folderStat) != 0) {
         postAndLog("Error: Unable to create containing folder %@. File %@ was not moved.", folder,
                    oldPath);
         return false;
@@ -147,13 +188,14 @@ bool OutlineViewController::moveFileFrom(const std::string& oldPath, const std::
 
     KTTransfer& transfer = KTTransfer::shared();
     std::string error;
-    if (isWritable(oldPath) && isDeletable(oldPath) && isWritable(folder) && isDeletable(folder)) {
+    if (plainMoveAllowed(oldPath, folder, folderStat)) {
         KTLog::appendLog("Moving %@ to %@", oldPath, newPath);
         if (!transfer.moveItem(oldPath, newPath, &error)) {
             postAndLog("Unable to move %@ to %@ - %@", oldPath, newPath, error);
             return false;
         }
         KTLog::appendLog("Plugin successfully moved to %@", newPath);
+        batchKnowledge.moved = true;
         return true;
     }
 
@@ -181,6 +223,7 @@ bool OutlineViewController::moveFileFrom(const std::string& oldPath, const std::
         }
     }
     removeEmptyFolder(parentOf(oldPath), true);
+    batchKnowledge.moved = true;
     return true;
 }
 
@@ -262,14 +305,20 @@ bool OutlineViewController::removeEmptyFolder(const std::string& folder,
 }
 
 void OutlineViewController::unlockItemsInPath(const std::string& path) {
+    KTMoveBatch* batch = KTMoveBatch::current();
     std::string prefix;
     for (const auto& component : pathComponents(path)) {
         prefix =
             prefix.empty() ? component : KTPluginLocations::appendPathComponent(prefix, component);
-        if (!exists(prefix)) return;
+        struct stat st {};
+        if (::lstat(prefix.c_str(), &st) != 0) return;
+        if (S_ISLNK(st.st_mode)) continue;  // a link has no flags of its own
+        // An ancestor this batch has already unlocked (or found unlocked) is not opened again.
+        const bool folder = S_ISDIR(st.st_mode);
+        if (folder && batch && batch->isKnownUnlocked(st.st_dev, st.st_ino)) continue;
         int fd = ::open(prefix.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY);
         if (fd < 0) {
-            if (errno == ELOOP) continue;  // a link has no flags of its own
+            if (errno == ELOOP) continue;  // became a link since
             postAndLog("Unable to get attributes of item %@ - %@", prefix, std::strerror(errno));
             return;
         }
@@ -278,16 +327,23 @@ void OutlineViewController::unlockItemsInPath(const std::string& path) {
             const int err = errno;
             ::close(fd);
             // A file system without flags has nothing locked.
-            if (err == ENOTTY || err == EOPNOTSUPP || err == EINVAL || err == ENOSYS) continue;
+            if (err == ENOTTY || err == EOPNOTSUPP || err == EINVAL || err == ENOSYS) {
+                if (folder && batch) batch->noteUnlocked(st.st_dev, st.st_ino);
+                continue;
+            }
             postAndLog("Unable to get attributes of item %@ - %@", prefix, std::strerror(err));
             return;
         }
+        bool unlocked = true;
         if (flags & FS_IMMUTABLE_FL) {
             flags &= ~FS_IMMUTABLE_FL;
-            if (::ioctl(fd, FS_IOC_SETFLAGS, &flags) != 0)
+            if (::ioctl(fd, FS_IOC_SETFLAGS, &flags) != 0) {
+                unlocked = false;
                 postAndLog("Unable to unlock item %@ - %@", prefix, std::strerror(errno));
+            }
         }
         ::close(fd);
+        if (unlocked && folder && batch) batch->noteUnlocked(st.st_dev, st.st_ino);
     }
 }
 
@@ -304,6 +360,7 @@ void OutlineViewController::setEnabled(long long enabled, const std::shared_ptr<
 
 void OutlineViewController::setEnabledForGroupOnThread(const KTGroupEnabledArgs& args) {
     if (!args.group || args.groupEnabled == -1) return;
+    KTMoveBatch batch;
     KTLog::appendLog("%@ group %@...", args.groupEnabled != 0 ? "Enabling" : "Disabling",
                      args.group->title());
     const KTItemList children = args.group->children();

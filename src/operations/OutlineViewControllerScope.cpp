@@ -25,7 +25,7 @@ bool hasFixedScope(const KTPluginItem& item) {
 }
 
 const char* scopeWord(std::int64_t mode) {
-    return mode == 1 ? "current user" : "all users";
+    return mode != 0 ? "current user" : "all users";
 }
 
 }  // namespace

@@ -12,9 +12,11 @@ TEST(KTLocalPathsTest, GuardProtectsSystemFoldersAndCutsTwoCharactersAfterATrail
     EXPECT_TRUE(L::isPathSystemDirectory("/"));
     EXPECT_FALSE(L::isPathSystemDirectory("/a"));
     EXPECT_TRUE(L::isPathSystemDirectory("/usr"));
-    // "/usr/" compares as "/us": neither a listed folder nor below "/usr/".
-    EXPECT_FALSE(L::isPathSystemDirectory("/usr/"));
-    EXPECT_FALSE(L::isPathSystemDirectory("/usr/", true));
+    // "/System/" compares as "/Syste": neither a listed folder nor below "/System/".
+    EXPECT_FALSE(L::isPathSystemDirectory(scratch.rootPath("/System/")));
+    EXPECT_FALSE(L::isPathSystemDirectory(scratch.rootPath("/System/"), true));
+    // This machine's own /usr stays protected however it is spelled.
+    EXPECT_TRUE(L::isPathSystemDirectory("/usr/", true));
     EXPECT_TRUE(L::isPathSystemDirectory("/usr/x/"));  // cut to "/usr/", a prefix match
     EXPECT_FALSE(L::isPathSystemDirectory("/usr/local/bin"));
     EXPECT_TRUE(L::isPathSystemDirectory("/usr/share/x"));
@@ -31,6 +33,39 @@ TEST(KTLocalPathsTest, GuardProtectsSystemFoldersAndCutsTwoCharactersAfterATrail
     EXPECT_TRUE(L::isPathSystemDirectory("/etc/passwd"));
     EXPECT_FALSE(L::isPathSystemDirectory("/etc/passwd", true));
     EXPECT_FALSE(L::isPathSystemDirectory("/etcetera"));
+    for (const char* spelling : {"/etc/", "//etc", "/./etc", "/usr/../etc", "/etc/."})
+        EXPECT_TRUE(L::isPathSystemDirectory(spelling, true)) << spelling;
+    EXPECT_TRUE(L::isPathSystemDirectory(scratch.rootPath("/../../../../../../../etc"), true));
+    EXPECT_TRUE(L::isPathSystemDirectory("/home", true));
+    EXPECT_FALSE(L::isPathSystemDirectory("/home/someone/Library/Plug-Ins"));
+}
+
+TEST(KTLocalPathsTest, ASystemRootUnderVarIsJudgedByItsLogicalPaths) {
+    ScratchRoot scratch;
+    using L = KTLocalPaths;
+    // Where a system image is unpacked for a test or a build: every emptied
+    // folder in it used to count as a system folder, so clean-ups never ran.
+    const char* old = std::getenv("AMBREL_ROOT");
+    const std::string saved = old ? old : "";
+    setenv("AMBREL_ROOT", "/var/tmp/ambrel-root/", 1);
+    const std::string root = "/var/tmp/ambrel-root";
+    for (bool exact : {true, false}) {
+        EXPECT_FALSE(L::isPathSystemDirectory(root + "/Library/Audio/Plug-Ins/VST/Group", exact));
+        EXPECT_TRUE(L::isPathSystemDirectory(root + "/Library", exact));
+        EXPECT_TRUE(L::isPathSystemDirectory(root, exact));
+        EXPECT_TRUE(L::isPathSystemDirectory(root + "/usr", exact));
+        EXPECT_TRUE(L::isPathSystemDirectory("/var", exact));
+        EXPECT_TRUE(L::isPathSystemDirectory(root + "/../../../etc", exact));
+    }
+    // Inside the root the hosts' rules hold: ROOT/var/x is their /var/x.
+    EXPECT_TRUE(L::isPathSystemDirectory(root + "/var/db/x"));
+    EXPECT_FALSE(L::isPathSystemDirectory(root + "/var/db/x", true));
+    EXPECT_TRUE(L::isPathSystemDirectory(root + "/System/Library/Frameworks"));
+    EXPECT_FALSE(L::isPathSystemDirectory(root + "/etc/x"));
+    // Outside it this machine's folders are protected as ever.
+    EXPECT_TRUE(L::isPathSystemDirectory("/var/tmp/other/x"));
+    EXPECT_TRUE(L::isPathSystemDirectory("/var/tmp"));
+    setenv("AMBREL_ROOT", saved.c_str(), 1);
 }
 
 TEST(KTLocalPathsTest, GuardComparesAgainstTheMappedFoldersExactly) {

@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 
+#include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTPreferences.h"
 #include "app/core/AppController.h"
 #include "catalogue/KTGroupItem.h"
@@ -216,4 +218,53 @@ TEST(CatalogueScanTest, HostileTreesAreLoggedAndPassedOver) {
     EXPECT_TRUE(contains(names, "Odd\nName%s \"q\".vst"));
     EXPECT_EQ(c.plugin("Odd\nName%s \"q\".vst")->shortName(), "%@ 50% done");
     EXPECT_EQ(c.plugin("Deep.vst")->subdir()->substr(0, 6), "L0/L1/");
+}
+
+TEST(CatalogueScanTest, LinksAreFollowedOncePerFolderAndNeverOutward) {
+    ScratchRoot s;
+    const std::string vst = s.rootPath("/Library/Audio/Plug-Ins/VST");
+    const std::string au = s.rootPath("/Library/Audio/Plug-Ins/Components");
+    makeBundle(vst + "/Good.vst", "Good", "1");
+    // Three folders linking round in a circle, one plug-in in each.
+    for (const char* f : {"/A", "/B", "/C"}) makeBundle(vst + f + f + ".vst", f + 1, "1");
+    fs::create_directory_symlink(vst + "/B", vst + "/A/toB");
+    fs::create_directory_symlink(vst + "/C", vst + "/B/toC");
+    fs::create_directory_symlink(vst + "/A", vst + "/C/toA");
+    fs::create_directory_symlink("/", vst + "/Everything");             // the whole machine
+    fs::create_directory_symlink(s.rootPath("/Library"), vst + "/Up");  // holds every kind folder
+    fs::create_directory_symlink(au, vst + "/Units");                   // another kind folder
+    const std::string outside = s.base() + "/elsewhere";
+    makeBundle(outside + "/Far.vst", "Far", "1");
+    fs::create_directory_symlink(outside, vst + "/Far");
+    // A group kept elsewhere inside the system root is followed.
+    makeBundle(s.rootPath("/Shared/Pack/Kept.vst"), "Kept", "1");
+    fs::create_directory_symlink(s.rootPath("/Shared/Pack"), vst + "/Pack");
+    makeBundle(au + "/Unit.component", "Unit", "1");
+
+    Catalogue c;
+    const auto listed = c.app->listPlugins(true, true);
+    auto count = [&](const std::string& name) {
+        return std::count_if(listed.begin(), listed.end(),
+                             [&](const std::string& p) { return fs::path(p).filename() == name; });
+    };
+    for (const char* n : {"Good.vst", "A.vst", "B.vst", "C.vst", "Kept.vst", "Unit.component"})
+        EXPECT_EQ(count(n), 1) << n;
+    EXPECT_EQ(count("Far.vst"), 0);
+    for (const char* n : {"Everything", "Up", "Units", "Far"}) EXPECT_EQ(count(n), 0) << n;
+
+    c.load();
+    c.app->listPlugins(true, true);  // a second listing says nothing new
+    KTLog::finishWriting();
+    std::ifstream in(KTLog::currentLogPath());
+    const std::string log((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    for (const char* link : {"/Everything to / - a folder that holds a plug-in folder", "/Up to ",
+                             "/Units to ", "/Far to "}) {
+        const std::string line = "Not following link " + vst + link;
+        const auto first = log.find(line);
+        EXPECT_NE(first, std::string::npos) << line;
+        EXPECT_EQ(log.find(line, first + 1), std::string::npos) << line << " logged twice";
+    }
+    EXPECT_NE(log.find("outside the system root and the home folder"), std::string::npos);
+    // The circle is cut where it closes; every group is a real folder once.
+    EXPECT_TRUE(c.plugin("A.vst") && c.plugin("B.vst") && c.plugin("C.vst"));
 }

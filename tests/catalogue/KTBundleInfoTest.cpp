@@ -2,6 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <sstream>
+
+#include "SharedFiles/KTLog.h"
+#include "catalogue/KTStringsFile.h"
 #include "support/ScratchRoot.h"
 
 namespace {
@@ -76,4 +81,92 @@ TEST(KTBundleInfoTest, StringsFilesWithCommentsEscapesAndBareWords) {
     EXPECT_EQ(t["CFBundleDisplayName"], "Say \"hi\" \xc3\xa9");
     EXPECT_EQ(t["Lonely"], "Lonely");
     EXPECT_TRUE(KTBundleInfo::parseStrings("\"unterminated = ").empty());
+}
+
+namespace {
+
+std::string logSoFar() {
+    KTLog::finishWriting();
+    std::ifstream in(KTLog::currentLogPath());
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+std::size_t occurrences(const std::string& text, const std::string& what) {
+    std::size_t n = 0;
+    for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
+}
+
+}  // namespace
+
+TEST(KTBundleInfoTest, RefusedFilesEmptyTheDetailsAndAreLoggedByName) {
+    ScratchRoot s;
+    KTLog::resetForTesting();
+    KTLog::createNewLog(std::string("BundleInfo"), true);
+    auto bundle = [&](const std::string& name) {
+        const std::string b = s.rootPath("/" + name);
+        ScratchRoot::writeFile(b + "/Contents/Info.plist",
+                               infoPlist("<key>CFBundleName</key><string>Fine</string>"
+                                         "<key>CFBundleVersion</key><string>3</string>"
+                                         "<key>CFBundleExecutable</key><string>x</string>"));
+        ScratchRoot::writeFile(b + "/Contents/MacOS/x", thinX86_64());
+        return b;
+    };
+    std::string deep = "<plist>";
+    for (int i = 0; i < 100000; ++i) deep += "<array>";
+
+    // A binary Info.plist whose name holds a zero character.
+    const std::string zeroName = bundle("ZeroName.vst");
+    ScratchRoot::writeFile(zeroName + "/Contents/Info.plist",
+                           std::string("bplist00\xd1\x01\x02\x5c"
+                                       "CFBundleName\x55Gl\0ow"
+                                       "\x08\x0b\x18\x00\x00\x00\x00\x00\x00\x01\x01"
+                                       "\x00\x00\x00\x00\x00\x00\x00\x03"
+                                       "\x00\x00\x00\x00\x00\x00\x00\x00"
+                                       "\x00\x00\x00\x00\x00\x00\x00\x1e",
+                                       8 + 3 + 13 + 6 + 3 + 32));
+    const std::string deepInfo = bundle("DeepInfo.vst");
+    ScratchRoot::writeFile(deepInfo + "/Contents/Info.plist", deep);
+    // Localisations: a text key with an escaped zero, a property list nested too deeply.
+    const std::string zeroKey = bundle("ZeroKey.vst");
+    ScratchRoot::writeFile(zeroKey + "/Contents/Resources/en.lproj/InfoPlist.strings",
+                           "\"CFBundle\\U0000Name\" = \"x\";");
+    const std::string deepStrings = bundle("DeepStrings.vst");
+    ScratchRoot::writeFile(deepStrings + "/Contents/Resources/fr.lproj/InfoPlist.strings", deep);
+
+    for (const std::string& b : {zeroName, deepInfo, zeroKey, deepStrings}) {
+        KTBundleInfo info = KTBundleInfo::read(b);
+        EXPECT_TRUE(info.isBundle) << b;
+        EXPECT_FALSE(info.name || info.version || !info.architectures.empty()) << b;
+    }
+    const std::string log = logSoFar();
+    EXPECT_EQ(occurrences(log, "Unable to read property list " + zeroName +
+                                   "/Contents/Info.plist - a string or key holds a zero character"),
+              1u);
+    EXPECT_EQ(occurrences(log, "Unable to read property list " + deepInfo +
+                                   "/Contents/Info.plist - nested too deeply"),
+              1u);
+    EXPECT_EQ(occurrences(log, "Unable to read strings file " + zeroKey +
+                                   "/Contents/Resources/en.lproj/InfoPlist.strings"),
+              1u);
+    EXPECT_EQ(
+        occurrences(log, "Unable to read strings file " + deepStrings +
+                             "/Contents/Resources/fr.lproj/InfoPlist.strings - nested too deeply"),
+        1u);
+    // A healthy bundle beside them is read as before.
+    EXPECT_EQ(KTBundleInfo::read(bundle("Healthy.vst")).name.value_or(""), "Fine");
+    KTLog::resetForTesting();
+}
+
+TEST(KTBundleInfoTest, StringsWithAZeroCharacterAreRefusedWhole) {
+    std::string why;
+    EXPECT_FALSE(KTStringsFile::parse(std::string("\"a\" = \"b\0c\";", 12), &why));
+    EXPECT_EQ(why, "a string or key holds a zero character");
+    std::string utf16 = "\xff\xfe";
+    for (char c : std::string("\"a\" = \"b")) utf16 += c, utf16 += '\0';
+    utf16 += std::string("\0\0\"\0;\0", 6);
+    EXPECT_FALSE(KTStringsFile::parse(utf16));
+    EXPECT_EQ(KTStringsFile::parse("\"a\" = \"b\";").value_or(KTStringsFile::Table{})["a"], "b");
 }

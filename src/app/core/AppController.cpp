@@ -1,5 +1,7 @@
 #include "app/core/AppController.h"
 
+#include <system_error>
+
 #include "SharedFiles/KTAuthorization.h"
 #include "SharedFiles/KTLocalPaths.h"
 #include "SharedFiles/KTLog.h"
@@ -27,12 +29,20 @@ AppController::AppController(WithoutGUI) : hasGUI_(false) {
 }
 
 std::unique_ptr<AppController> AppController::initWithoutGUI() {
+    // The log may be what failed (no thread for its writer): the line goes
+    // to standard error first, and to the log only if the log can take it.
+    const char* const method = "-[AppController initWithoutGUI]";
     try {
         return std::unique_ptr<AppController>(new AppController(WithoutGUI{}));
+    } catch (const std::system_error& e) {
+        KTLog::systemConsole("Exception in %s. %@ - %@.", method, "std::system_error", e.what());
     } catch (const std::exception& e) {
-        KTException::logException(e, "-[AppController initWithoutGUI]");
-        return nullptr;
+        KTLog::systemConsole("Exception in %s. %@ - %@.", method, "std::exception", e.what());
+    } catch (...) {
+        KTLog::systemConsole("Exception in %s. %@ - %@.", method, "unknown",
+                             "a non-standard exception");
     }
+    return nullptr;
 }
 
 AppController::~AppController() {

@@ -13,6 +13,7 @@
 #include "catalogue/OutlineViewController.h"
 #include "installer/KTInstallerCommands.h"
 #include "installer/KTNotarizeCommand.h"
+#include "operations/KTMoveBatch.h"
 
 namespace {
 const char* const kVerbs[] = {"-install", "-enable", "-disable", "-remove", "-setaccess",
@@ -61,7 +62,13 @@ std::string KTCommandLine::usage() {
 }
 
 int KTCommandLine::run(const std::vector<std::string>& args) {
-    std::unique_ptr<AppController> app = AppController::initWithoutGUI();
+    std::unique_ptr<AppController> app;
+    try {
+        app = AppController::initWithoutGUI();
+    } catch (...) {
+        // initWithoutGUI reports what it catches; this is what escaped it.
+        KTLog::systemConsole("Unable to start the controller");
+    }
     if (!app) return kControllerFailed;
     // The keychain needs no catalogue.
     if (args[0] == "-setappleid") return KTInstallerCommands::setAppleID(args);
@@ -111,9 +118,11 @@ int KTCommandLine::pluginVerb(AppController& app, const std::vector<std::string>
     const std::optional<std::string> name =
         args.size() > 1 ? std::optional<std::string>(lastComponent(args[1])) : std::nullopt;
     OutlineViewController& outline = app.outlineViewController();
-    // The folders cannot change under the loop; look them up once.
+    // The folders cannot change under the loop; look them up once. The
+    // catalogue just listed the disk: its paths are walked, not listed again.
     KTPluginLocations::FolderCache folders;
-    for (const auto& path : app.listPlugins(true)) {
+    KTMoveBatch batch;
+    for (const auto& path : outline.loadedPaths()) {
         auto item = outline.pluginFromPath(path);
         if (!item) continue;
         if (name && *name != item->fileName()) continue;
@@ -128,16 +137,18 @@ int KTCommandLine::pluginVerb(AppController& app, const std::vector<std::string>
 
 int KTCommandLine::setAccess(AppController& app, const std::vector<std::string>& args) {
     if (args.size() < 2) {
-        KTLog::appendLog("Invalid argument count");
+        KTLog::systemConsole("Invalid argument count");
         return 1;
     }
-    // Read as the platform reads an integer: leading digits, anything else 0.
-    const std::int64_t scope = std::strtoll(args[1].c_str(), nullptr, 10);
+    // Read as the platform reads an integer: leading digits, anything else 0;
+    // any scope but 0 is the current user.
+    const std::int64_t scope = std::strtoll(args[1].c_str(), nullptr, 10) != 0 ? 1 : 0;
     const std::optional<std::string> name =
         args.size() > 2 ? std::optional<std::string>(lastComponent(args[2])) : std::nullopt;
     OutlineViewController& outline = app.outlineViewController();
     KTPluginLocations::FolderCache folders;
-    for (const auto& path : app.listPlugins(true)) {
+    KTMoveBatch batch;
+    for (const auto& path : outline.loadedPaths()) {
         if (name && *name != lastComponent(path)) continue;
         if (auto item = outline.pluginFromPath(path)) outline.setAccess(scope, item, false, false);
     }
