@@ -20,6 +20,10 @@ class KTWorkspace {
     /// Forgets the list of applications; the next lookup reads the disk afresh.
     virtual void refreshApplications() = 0;
 
+    /// Opens a file in the desktop's default application for it, without
+    /// waiting; false when there is no way to (no desktop opener here).
+    virtual bool openFile(const std::string& path) { return false; }
+
     /// True when an application with that identifier is known.
     bool knowsApplication(const std::string& bundleIdentifier) {
         return absolutePathForAppBundleWithIdentifier(bundleIdentifier).has_value();

@@ -5,6 +5,7 @@
 
 #include "SharedFiles/KTLocalPaths.h"
 #include "SharedFiles/KTPlist.h"
+#include "SharedFiles/KTTaskEx.h"
 
 namespace fs = std::filesystem;
 
@@ -73,4 +74,11 @@ void KTLinuxWorkspace::refreshApplications() {
     std::lock_guard<std::mutex> lock(mutex_);
     loaded_ = false;
     applications_.clear();
+}
+
+bool KTLinuxWorkspace::openFile(const std::string& path) {
+    const std::string opener = "/usr/bin/xdg-open";
+    if (!KTTaskEx::isExecutable(opener)) return false;
+    KTTaskEx::runTaskAndReturn(opener, {path});
+    return true;
 }

@@ -18,6 +18,8 @@ class KTLinuxWorkspace : public KTWorkspace {
     std::optional<std::string> absolutePathForAppBundleWithIdentifier(
         const std::string& bundleIdentifier) override;
     void refreshApplications() override;
+    /// Through "xdg-open", which hands the file to the desktop's default viewer.
+    bool openFile(const std::string& path) override;
 
     /// The folders searched, machine-wide first.
     static std::vector<std::string> applicationFolders();

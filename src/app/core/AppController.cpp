@@ -6,9 +6,13 @@
 #include "SharedFiles/KTPreferences.h"
 #include "SharedFiles/KTUserInterface.h"
 #include "catalogue/OutlineViewController.h"
+#include "diagnostics/KTAUValidator.h"
+#include "diagnostics/KTBugReporter.h"
 
 AppController::AppController() : hasGUI_(true) {
     KTLog::createNewLog();
+    KTBugReporter::startBugReporter();
+    auValidator_ = std::make_unique<KTAUValidator>(*this);
     outline_ = std::make_unique<OutlineViewController>(this);
     registerDefaultPreferences();
     outline_->setHasGUI(true);
@@ -16,6 +20,8 @@ AppController::AppController() : hasGUI_(true) {
 
 AppController::AppController(WithoutGUI) : hasGUI_(false) {
     KTLog::createNewLog(std::string("Ambrel.task"));
+    KTBugReporter::startCommandLineBugReporter();
+    auValidator_ = std::make_unique<KTAUValidator>(*this);
     // Made first, without an interface, so that nothing later prompts.
     KTAuthorization::sharedController(false);
     outline_ = std::make_unique<OutlineViewController>(this);
@@ -34,6 +40,9 @@ std::unique_ptr<AppController> AppController::initWithoutGUI() {
 
 AppController::~AppController() {
     waitForReload();
+    auValidator_.reset();
+    KTBugReporter::stopBugReporter(hasGUI_ ? std::nullopt
+                                           : std::optional(KTBugReporter::commandLineMarkerPath()));
     std::lock_guard<std::mutex> l(reloadLock_);
 }
 

@@ -10,10 +10,11 @@
 #include "catalogue/KTItemArchive.h"
 #include "catalogue/KTPluginLocations.h"
 #include "catalogue/OutlineViewController.h"
+#include "diagnostics/KTDiagnosticsVerbs.h"
 
 namespace {
 const char* const kVerbs[] = {"-install", "-enable", "-disable", "-remove", "-setaccess",
-                              "-allplugins"};
+                              "-allplugins", "-auval", "-gatherlogs"};
 
 void writeAll(const std::string& bytes) {
     std::size_t done = 0;
@@ -48,12 +49,19 @@ std::string KTCommandLine::usage() {
            "                                       user, or with -all for all users\n"
            "       ambrel -setaccess scope [name]  move them to the folders of a scope: 0 all\n"
            "                                       users, 1 current user; without a name, every\n"
-           "                                       plug-in\n";
+           "                                       plug-in\n"
+           "       ambrel -auval                   validate every Audio Unit: title, manufacturer\n"
+           "                                       and status per line; exit 0 all OK, 1 not, 2 none\n"
+           "       ambrel -gatherlogs              zip the logs, crash reports and preferences\n"
+           "                                       onto the desktop\n";
 }
 
 int KTCommandLine::run(const std::vector<std::string>& args) {
     std::unique_ptr<AppController> app = AppController::initWithoutGUI();
     if (!app) return kControllerFailed;
+    // The diagnostic verbs need no catalogue.
+    if (args[0] == "-auval") return KTDiagnosticsVerbs::auval(*app);
+    if (args[0] == "-gatherlogs") return KTDiagnosticsVerbs::gatherLogs(*app);
     app->loadPluginData();
     app->outlineViewController().waitForBundleInspection();
 

@@ -33,6 +33,7 @@
 #include "SharedFiles/KTMainThread.h"
 #include "SharedFiles/KTPreferences.h"
 #include "app/core/AppController.h"
+#include "app/window/KTDiagnosticsMenu.h"
 #include "app/window/KTOutlineModel.h"
 #include "app/window/KTQtUserInterface.h"
 #include "app/window/KTTreeLockGuard.h"
@@ -288,6 +289,8 @@ void KTMainWindow::buildMenus() {
     refresh->setShortcut(QKeySequence::Refresh);
     plugins->addSeparator();
     plugins->addAction(adminAction_);
+
+    KTDiagnosticsMenu::install(this, app_, *ui_);
 }
 
 void KTMainWindow::buildToolbar() {
