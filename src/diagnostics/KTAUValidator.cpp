@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <chrono>
+#include <thread>
 
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTMainThread.h"
@@ -117,6 +119,17 @@ KTAUValidator::KTAUValidator(AppController& app) : app_(app) {}
 
 KTAUValidator::~KTAUValidator() {
     stopping_ = true;
+    waitForValidation();
+}
+
+void KTAUValidator::waitForValidation() {
+    KTMainThread& main = KTMainThread::shared();
+    while (running_ > 0) {
+        if (main.isMainThread())
+            main.processPendingEvents(0.02);
+        else
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
     runs_.waitForAll();
 }
 
@@ -147,7 +160,11 @@ void KTAUValidator::showAlert(const std::string& message, const std::string& inf
 }
 
 void KTAUValidator::validateAU() {
-    runs_.start([this] { processAUValidation(); });
+    ++running_;
+    runs_.start([this] {
+        processAUValidation();
+        --running_;
+    });
 }
 
 bool KTAUValidator::processAUValidation() {

@@ -54,7 +54,8 @@ class KTAUValidatorView {
 class KTAUValidator {
   public:
     explicit KTAUValidator(AppController& app);
-    /// Waits for runs still going (their tools run to their end).
+    /// Waits for runs still going; units not yet started are skipped, tools
+    /// already running are waited for.
     ~KTAUValidator();
     KTAUValidator(const KTAUValidator&) = delete;
     KTAUValidator& operator=(const KTAUValidator&) = delete;
@@ -77,7 +78,9 @@ class KTAUValidator {
     /// Validates one unit and sets its status.
     void validateAudioUnit(const KTAURecordPtr& record);
     /// Waits for every run started by `validateAU` so far (not from a run).
-    void waitForValidation() { runs_.waitForAll(); }
+    /// On the main thread it keeps handling events meanwhile: the runs hand
+    /// their table updates to it.
+    void waitForValidation();
 
     /// The status an exit status of "auval -v" gives, and the log line for
     /// it (empty for none).
@@ -113,6 +116,7 @@ class KTAUValidator {
     std::vector<KTAURecordPtr> list_;    // main thread
     bool hasList_ = false;
     std::atomic<bool> stopping_{false};
+    std::atomic<int> running_{0};
     // Last: the runs end before the rest goes.
     KTBatchThreads runs_;
 };
