@@ -30,6 +30,7 @@ constexpr long long kPlistEpoch = 978307200;
 std::mutex g_lastLock;
 std::optional<std::string> g_lastReport;
 bool g_lastOpened = false;
+std::optional<std::string> g_startedWith;  // the marker file of the last start
 
 bool startsWithNoCase(const std::string& s, const std::string& prefix) {
     if (s.size() < prefix.size()) return false;
@@ -188,6 +189,7 @@ void KTBugReporter::startBugReporter(const std::string& appName,
         std::lock_guard<std::mutex> l(g_lastLock);
         g_lastReport = report;
         g_lastOpened = opened;
+        g_startedWith = plistPath;
     }
     if (report && delegate) {
         const std::string path = *report;
@@ -207,6 +209,15 @@ void KTBugReporter::startCommandLineBugReporter() {
 
 void KTBugReporter::stopBugReporter(const std::optional<std::string>& plistPath) {
     recordMarker("exit", plistPath);
+}
+
+void KTBugReporter::stopStartedBugReporter() {
+    std::optional<std::string> plistPath;
+    {
+        std::lock_guard<std::mutex> l(g_lastLock);
+        plistPath = g_startedWith;
+    }
+    stopBugReporter(plistPath);
 }
 
 std::optional<std::string> KTBugReporter::lastCrashReport(bool* openedInReporter) {

@@ -41,6 +41,8 @@ class KTBugReporter {
     static void startCommandLineBugReporter();
     /// Records "exit" = now, the same way.
     static void stopBugReporter(const std::optional<std::string>& plistPath = std::nullopt);
+    /// Records "exit" where this process's last start recorded "launch".
+    static void stopStartedBugReporter();
 
     /// The report of a crash of the last run, or nothing (see the class
     /// comment); logs "Application crashed on last launch" and opens the

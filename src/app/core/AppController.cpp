@@ -41,8 +41,7 @@ std::unique_ptr<AppController> AppController::initWithoutGUI() {
 AppController::~AppController() {
     waitForReload();
     auValidator_.reset();
-    KTBugReporter::stopBugReporter(hasGUI_ ? std::nullopt
-                                           : std::optional(KTBugReporter::commandLineMarkerPath()));
+    KTBugReporter::stopStartedBugReporter();
     std::lock_guard<std::mutex> l(reloadLock_);
 }
 
