@@ -2,8 +2,8 @@
 // then a real crash of the window program and the starts after it.
 #include "diagnostics/KTBugReporter.h"
 
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>

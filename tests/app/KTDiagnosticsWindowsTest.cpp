@@ -1,17 +1,22 @@
-// The Audio Unit validator's window under Qt's offscreen platform, over a
-// validator stand-in: rows and status icons after a run, header clicks that
-// sort and are remembered, the inspector on a double-click.
+// The diagnostic windows under Qt's offscreen platform: the Audio Unit
+// validator's table over a validator stand-in (rows and status icons after a
+// run, header clicks that sort and are remembered, the inspector on a
+// double-click), and the main window's diagnostic menu items and crash offer.
 #include "app/window/KTAUValidatorWindow.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <QAbstractButton>
 #include <QApplication>
 #include <QHeaderView>
+#include <QMenuBar>
+#include <QMessageBox>
 #include <QPlainTextEdit>
 #include <QProgressBar>
 #include <QTableView>
 #include <QThread>
+#include <QTimer>
 #include <chrono>
 #include <cstdlib>
 #include <functional>
@@ -19,9 +24,12 @@
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTMainThread.h"
 #include "SharedFiles/KTPreferences.h"
+#include "SharedFiles/KTWorkspace.h"
 #include "app/core/AppController.h"
 #include "app/window/KTAUInspectorWindow.h"
+#include "app/window/KTMainWindow.h"
 #include "app/window/KTQtMainThread.h"
+#include "diagnostics/KTBugReporter.h"
 #include "support/ScratchRoot.h"
 
 namespace {
@@ -46,9 +54,91 @@ bool waitUntil(const std::function<bool()>& done) {
     return true;
 }
 
+/// Presses `button` on each message box that comes up, recording its text.
+struct BoxAnswerer {
+    QStringList texts;
+    QTimer timer;
+    explicit BoxAnswerer(const QString& button) {
+        timer.setInterval(20);
+        QObject::connect(&timer, &QTimer::timeout, [this, button] {
+            // Sheets are modal to the window; free-standing alerts have no window.
+            auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+            for (QWidget* w : QApplication::topLevelWidgets())
+                if (!box && w->isVisible()) box = qobject_cast<QMessageBox*>(w);
+            if (!box) return;
+            texts << box->text();
+            // `button` where the box has it, else its first (an alert's OK).
+            QAbstractButton* press = box->buttons().value(0);
+            for (QAbstractButton* b : box->buttons())
+                if (b->text() == button) press = b;
+            if (press) press->click();
+        });
+        timer.start();
+    }
+};
+
+struct RecordingWorkspace : KTWorkspace {
+    std::vector<std::string> opened;
+    std::optional<std::string> absolutePathForAppBundleWithIdentifier(const std::string&) override {
+        return std::nullopt;
+    }
+    void refreshApplications() override {}
+    bool openFile(const std::string& path) override {
+        opened.push_back(path);
+        return true;
+    }
+};
+
 }  // namespace
 
-TEST(KTAUValidatorWindowTest, ShowsVerdictsWithIconsSortsByHeaderAndInspects) {
+TEST(KTDiagnosticsWindowsTest, MenuItemsAndTheOfferToOpenTheLastCrashReport) {
+    application();
+    ScratchRoot s;
+    KTMainThread::setShared(std::make_shared<KTQtMainThread>());
+    KTLog::resetForTesting();
+    const std::string tmp = s.base() + "/tmp/";
+    ScratchRoot::makeDirs(tmp);
+    ::setenv("TMPDIR", tmp.c_str(), 1);
+    auto workspace = std::make_shared<RecordingWorkspace>();
+    KTWorkspace::setShared(workspace);
+    // The last run crashed and left a report; no bug-reporting application here.
+    KTBugReporter::recordMarker("launch", std::nullopt,
+                                KTBugReporter::Clock::now() - std::chrono::minutes(5));
+    const std::string report = s.homePath("/Library/Logs/DiagnosticReports/Ambrel_1.crash");
+    ScratchRoot::writeFile(report, "crash");
+    {
+        AppController app;
+        BoxAnswerer answerer("Open Report");
+        KTMainWindow window(app);
+        window.show();
+        ASSERT_TRUE(waitUntil([&] { return !workspace->opened.empty(); }));
+        EXPECT_EQ(workspace->opened, std::vector<std::string>{report});
+        EXPECT_EQ(answerer.texts.value(0), "Ambrel quit unexpectedly the last time it was used.");
+
+        QStringList items;
+        for (QAction* menu : window.menuBar()->actions())
+            for (QAction* item : menu->menu()->actions())
+                if (!item->text().isEmpty()) items << menu->text() + " > " + item->text();
+        EXPECT_TRUE(items.contains("&Plugins > Validate Audio Units..."))
+            << items.join(", ").toStdString();
+        for (const char* help :
+             {"&Help > View Log", "&Help > View Task Log", "&Help > Gather Logs"})
+            EXPECT_TRUE(items.contains(help)) << help;
+        // Gather Logs: the outcome in a free-standing alert, the archive on the desktop.
+        for (QAction* menu : window.menuBar()->actions())
+            for (QAction* item : menu->menu()->actions())
+                if (item->text() == "Gather Logs") item->trigger();
+        EXPECT_EQ(answerer.texts.value(1), "Logs gathered successfully");
+        EXPECT_TRUE(ScratchRoot::readFile(s.homePath("/Desktop/Ambrel Logs.zip")).size() > 0);
+    }
+    KTWorkspace::setShared(nullptr);
+    ::unsetenv("TMPDIR");
+    KTLog::finishWriting();
+    KTLog::resetForTesting();
+    KTMainThread::setShared(std::make_shared<KTInlineMainThread>());
+}
+
+TEST(KTDiagnosticsWindowsTest, ValidatorShowsVerdictsWithIconsSortsByHeaderAndInspects) {
     application();
     ScratchRoot s;
     const std::string tools = s.base() + "/tools";
