@@ -38,10 +38,13 @@ QApplication& application() {
     static int argc = 1;
     static char name[] = "test_app";
     static char* argv[] = {name, nullptr};
+    // Kept for the life of the process, like the main window tests' own.
+    static QApplication* app = nullptr;
     if (auto* existing = qobject_cast<QApplication*>(QCoreApplication::instance()))
         return *existing;
     qputenv("QT_QPA_PLATFORM", "offscreen");
-    return *new QApplication(argc, argv);
+    app = new QApplication(argc, argv);
+    return *app;
 }
 
 bool waitUntil(const std::function<bool()>& done) {
