@@ -41,8 +41,13 @@ void viewLog(const std::string& file, KTUserInterface* ui, const char* informati
         alert(ui, "No log found", informative);
         return;
     }
-    if (!KTWorkspace::shared().openFile(path))
-        KTLog::appendLogAndPrint("Unable to open %@: no viewer for it", path);
+    if (KTWorkspace::shared().openFile(path)) return;
+    // No desktop opener here: at least say where the log is.
+    KTLog::appendLog("Unable to open %@: no viewer for it", path);
+    if (ui)
+        ui->runAlert(KTAlert{"Unable to open the log",
+                             "No application to show it was found. The log is at " + path + ".",
+                             {}});
 }
 
 /// One gathering: the temporary folder and what has been copied into it.

@@ -38,7 +38,9 @@ QApplication& application() {
     static int argc = 1;
     static char name[] = "test_app";
     static char* argv[] = {name, nullptr};
-    // Kept for the life of the process, like the main window tests' own.
+    // One application object per process: the main window tests make theirs
+    // unconditionally, and run first (their file sorts before this one), so
+    // a whole-program run uses theirs; a run of these tests alone makes one.
     static QApplication* app = nullptr;
     if (auto* existing = qobject_cast<QApplication*>(QCoreApplication::instance()))
         return *existing;
@@ -94,7 +96,7 @@ struct RecordingWorkspace : KTWorkspace {
 
 }  // namespace
 
-TEST(KTDiagnosticsWindowsTest, MenuItemsAndTheOfferToOpenTheLastCrashReport) {
+TEST(KTWindowDiagnosticsTest, MenuItemsAndTheOfferToOpenTheLastCrashReport) {
     application();
     ScratchRoot s;
     KTMainThread::setShared(std::make_shared<KTQtMainThread>());
@@ -141,7 +143,7 @@ TEST(KTDiagnosticsWindowsTest, MenuItemsAndTheOfferToOpenTheLastCrashReport) {
     KTMainThread::setShared(std::make_shared<KTInlineMainThread>());
 }
 
-TEST(KTDiagnosticsWindowsTest, ValidatorShowsVerdictsWithIconsSortsByHeaderAndInspects) {
+TEST(KTWindowDiagnosticsTest, ValidatorShowsVerdictsWithIconsSortsByHeaderAndInspects) {
     application();
     ScratchRoot s;
     const std::string tools = s.base() + "/tools";
