@@ -43,6 +43,10 @@ class KTWorkspace {
     /// (or the desktop's opener) was reached. The default reaches none.
     virtual bool selectFile(const std::string& path) { return false; }
 
+    /// Opens a file in the desktop's default application for it, without
+    /// waiting; false when there is no way to (no desktop opener here).
+    virtual bool openFile(const std::string& path) { return false; }
+
     /// True when an application with that identifier is known.
     bool knowsApplication(const std::string& bundleIdentifier) {
         return absolutePathForAppBundleWithIdentifier(bundleIdentifier).has_value();

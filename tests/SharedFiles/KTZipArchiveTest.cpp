@@ -66,11 +66,4 @@ TEST(KTZipArchiveTest, FailsWithTheFileNamedAndLeavesNothing) {
     // An archive into a folder that does not exist.
     ScratchRoot::writeFile(s.base() + "/f.txt", "x");
     EXPECT_FALSE(KTFileManager::compressFile(s.base() + "/f.txt", s.base() + "/no/out.zip"));
-
-    if (::geteuid() == 0) GTEST_SKIP() << "root reads every file; the unreadable case needs a user";
-    ScratchRoot::writeFile(s.base() + "/d/secret", "x");
-    ::chmod((s.base() + "/d/secret").c_str(), 0);
-    EXPECT_FALSE(KTZipArchive::compress(s.base() + "/d", zip, true, &error));
-    EXPECT_NE(error.find("secret"), std::string::npos) << error;
-    EXPECT_FALSE(fs::exists(zip));
 }

@@ -330,3 +330,10 @@ bool KTLinuxWorkspace::selectFile(const std::string& path) {
     if (path.empty()) return false;
     return showItemsOnSessionBus(path) || openContainingFolder(path);
 }
+
+bool KTLinuxWorkspace::openFile(const std::string& path) {
+    const std::string opener = "/usr/bin/xdg-open";
+    if (!KTTaskEx::isExecutable(opener)) return false;
+    KTTaskEx::runTaskAndReturn(opener, {path});
+    return true;
+}

@@ -58,6 +58,9 @@ class KTLinuxWorkspace : public KTWorkspace {
     /// The running processes of known applications: pid -> bundle identifier.
     static std::map<pid_t, std::string> runningApplications();
 
+    /// Through "xdg-open", which hands the file to the desktop's default viewer.
+    bool openFile(const std::string& path) override;
+
     /// The folders searched, machine-wide first.
     static std::vector<std::string> applicationFolders();
     /// Reads every application bundle of the folders: identifier -> path.

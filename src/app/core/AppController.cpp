@@ -9,9 +9,13 @@
 #include "SharedFiles/KTUserInterface.h"
 #include "catalogue/OutlineViewController.h"
 #include "diagnostics/KTCrashTester.h"
+#include "diagnostics/KTAUValidator.h"
+#include "diagnostics/KTBugReporter.h"
 
 AppController::AppController() : hasGUI_(true) {
     KTLog::createNewLog();
+    KTBugReporter::startBugReporter();
+    auValidator_ = std::make_unique<KTAUValidator>(*this);
     outline_ = std::make_unique<OutlineViewController>(this);
     registerDefaultPreferences();
     outline_->setHasGUI(true);
@@ -20,6 +24,8 @@ AppController::AppController() : hasGUI_(true) {
 
 AppController::AppController(WithoutGUI) : hasGUI_(false) {
     KTLog::createNewLog(std::string("Ambrel.task"));
+    KTBugReporter::startCommandLineBugReporter();
+    auValidator_ = std::make_unique<KTAUValidator>(*this);
     // Made first, without an interface, so that nothing later prompts.
     KTAuthorization::sharedController(false);
     outline_ = std::make_unique<OutlineViewController>(this);
@@ -49,6 +55,8 @@ AppController::~AppController() {
     // A running test ends (through its clean-up) before anything it uses goes.
     crashTester_.reset();
     waitForReload();
+    auValidator_.reset();
+    KTBugReporter::stopStartedBugReporter();
     std::lock_guard<std::mutex> l(reloadLock_);
 }
 

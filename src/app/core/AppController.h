@@ -18,6 +18,7 @@
 #include "operations/KTOperationArgs.h"
 
 class KTCrashTester;
+class KTAUValidator;
 class KTGroupItem;
 class OutlineViewController;
 class KTUserInterface;
@@ -47,6 +48,8 @@ public:
     KTUserInterface* userInterface() const { return ui_.get(); }
     void setUserInterface(std::shared_ptr<KTUserInterface> ui);
     OutlineViewController& outlineViewController() { return *outline_; }
+    /// Audio Unit validation (src/diagnostics); the menu item and "-auval" use it.
+    KTAUValidator& auValidator() { return *auValidator_; }
 
     bool processingCancelled() const;
     void setProcessingCancelled(bool v) { processingCancelled_ = v; }
@@ -105,6 +108,7 @@ private:
     std::atomic<bool> processingCancelled_{false};
     std::shared_ptr<KTUserInterface> ui_;
     std::unique_ptr<OutlineViewController> outline_;
+    std::unique_ptr<KTAUValidator> auValidator_;
 
     std::mutex reloadLock_;
     std::atomic<bool> reloading_{false};

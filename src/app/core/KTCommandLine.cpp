@@ -11,6 +11,7 @@
 #include "catalogue/KTItemArchive.h"
 #include "catalogue/KTPluginLocations.h"
 #include "catalogue/OutlineViewController.h"
+#include "diagnostics/KTDiagnosticsVerbs.h"
 #include "installer/KTInstallerCommands.h"
 #include "installer/KTNotarizeCommand.h"
 #include "operations/KTMoveBatch.h"
@@ -18,7 +19,7 @@
 namespace {
 const char* const kVerbs[] = {"-install", "-enable", "-disable", "-remove", "-setaccess",
                               "-allplugins", "-createinstaller", "-setappleid", "-crashtest",
-                              "-notarize"};
+                              "-notarize", "-auval", "-gatherlogs"};
 
 void writeAll(const std::string& bytes) {
     std::size_t done = 0;
@@ -56,7 +57,11 @@ std::string KTCommandLine::usage() {
            "                                       user, or with -all for all users\n"
            "       ambrel -setaccess scope [name]  move them to the folders of a scope: 0 all\n"
            "                                       users, 1 current user; without a name, every\n"
-           "                                       plug-in\n" +
+           "                                       plug-in\n"
+           "       ambrel -auval                   validate every Audio Unit: title, manufacturer\n"
+           "                                       and status per line; exit 0 all OK, 1 not, 2 none\n"
+           "       ambrel -gatherlogs              zip the logs, crash reports and preferences\n"
+           "                                       onto the desktop\n" +
            KTInstallerCommands::usage() + KTCrashTestCommand::usage() +
            KTNotarizeCommand::usage();
 }
@@ -73,6 +78,9 @@ int KTCommandLine::run(const std::vector<std::string>& args) {
     // The keychain needs no catalogue.
     if (args[0] == "-setappleid") return KTInstallerCommands::setAppleID(args);
     if (args[0] == "-notarize") return KTNotarizeCommand::run(args);
+    // The diagnostic verbs need no catalogue.
+    if (args[0] == "-auval") return KTDiagnosticsVerbs::auval(*app);
+    if (args[0] == "-gatherlogs") return KTDiagnosticsVerbs::gatherLogs(*app);
     app->loadPluginData();
     app->outlineViewController().waitForBundleInspection();
 

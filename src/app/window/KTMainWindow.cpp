@@ -36,6 +36,7 @@
 #include "app/window/KTCrashTestDialog.h"
 #include "app/window/KTDiskImageNotarizer.h"
 #include "app/window/KTInstallerWindow.h"
+#include "app/window/KTDiagnosticsMenu.h"
 #include "app/window/KTOutlineModel.h"
 #include "app/window/KTPreferencesWindow.h"
 #include "app/window/KTOutlineCheckDelegate.h"
@@ -323,6 +324,8 @@ void KTMainWindow::buildMenus() {
     auto* crashTester = new KTCrashTestDialog(app_, this);
     plugins->addAction(QStringLiteral("Crash Tester..."), crashTester,
                        &KTCrashTestDialog::crashLocateClick);
+
+    KTDiagnosticsMenu::install(this, app_, *ui_);
 }
 
 void KTMainWindow::buildToolbar() {
