@@ -17,10 +17,14 @@ std::string KTAppBundle::executablePath() {
 std::string KTAppBundle::dataFolder() {
     const fs::path bin = fs::path(executablePath()).parent_path();
     const fs::path buildTree = bin / "share" / "ambrel";
-    const fs::path installed = bin.parent_path() / "share" / "ambrel";
+    // Installed, the folder holds programs (the template installer), which
+    // Debian keeps out of /usr/share: PREFIX/lib/ambrel.
+    const fs::path installed = bin.parent_path() / "lib" / "ambrel";
+    const fs::path installedShared = bin.parent_path() / "share" / "ambrel";
     std::error_code ec;
     if (fs::is_directory(buildTree, ec)) return buildTree.string();
     if (fs::is_directory(installed, ec)) return installed.string();
+    if (fs::is_directory(installedShared, ec)) return installedShared.string();
     return buildTree.string();
 }
 
