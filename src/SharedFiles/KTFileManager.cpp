@@ -62,7 +62,15 @@ bool KTFileManager::trashFile(const std::string& path, bool shouldAuth) {
     if (KTTrash::shared().trashItem(path, nullptr, &error)) return true;
     KTLog::fastAppendLog("Unable to move %@ to the Trash: %@", path, error);
     if (!shouldAuth) return false;
-    return KTAuthorization::sharedController()->authTrashFile(path);
+    KTAuthorization* auth = KTAuthorization::sharedController();
+    if (!auth->isAuthorized() && !auth->canAuthorize()) {
+        // Nobody to ask (the command line): the item stays, and says why.
+        KTLog::appendLogAndPrint("Left %@ where it is - %@", path, error);
+        return false;
+    }
+    if (KTTrash::shared().authTrashItem(path, nullptr, &error)) return true;
+    KTLog::appendLog("Unable to move %@ to the Trash: %@", path, error);
+    return false;
 }
 
 bool KTFileManager::trashFile(const std::string& path, std::chrono::duration<double> timeout) {

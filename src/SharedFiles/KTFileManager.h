@@ -19,7 +19,9 @@ class KTFileManager {
 
     /// Moves the item to the user's Trash, unlocking it first. Nothing at the
     /// path counts as done. When the ordinary move fails and `shouldAuth` is
-    /// set, the move is repeated with administrator rights.
+    /// set, the move is repeated with administrator rights; where none can be
+    /// asked for (the command line) a line naming the item and the reason
+    /// is printed instead.
     static bool trashFile(const std::string& path, bool shouldAuth = true);
 
     /// `trashFile(path)`, then waits up to `timeout` for the item to be gone,

@@ -4,19 +4,25 @@
 #include <vector>
 
 /// Whole trees of files on disk: copying one (files, folders, links; modes,
-/// times and, for the superuser, owners kept), comparing a copy with its
+/// times, extended attributes and, for the superuser, owners kept),
+/// comparing a copy with its
 /// original, removing one, and a rename that never replaces. The moves, the
 /// installer's copies and the Trash all build their "whole or not at all"
 /// steps from these.
 class KTFileTree {
-public:
+  public:
     /// Copies the tree at `from` to the new path `to`. False with `error`
     /// set on the first failure; what was copied so far stays for the caller
     /// to remove.
     static bool copyTree(const std::string& from, const std::string& to, std::string* error);
     /// True when `copy` holds the same tree as `original`: kinds, link
-    /// targets, sizes and bytes of every file.
+    /// targets, sizes, bytes and user attributes of every entry.
     static bool sameTree(const std::string& original, const std::string& copy);
+    /// True when `path` and everything below it could be taken away: every
+    /// folder writable (or ours to open up), no immutable or append-only
+    /// entry, not on a read-only volume. Asked before a copy whose original
+    /// must go afterwards.
+    static bool canRemoveTree(const std::string& path, std::string* error);
     /// Removes the tree at `path`; false with `error` set when something stays.
     static bool removeTree(const std::string& path, std::string* error);
     /// A rename that never replaces: 0, or the errno (EEXIST when something is there).

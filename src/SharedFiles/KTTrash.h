@@ -16,6 +16,16 @@ class KTTrash {
     virtual bool trashItem(const std::string& path, std::string* trashedPath = nullptr,
                            std::string* error = nullptr) = 0;
 
+    /// The same move made with administrator rights (the record of it is
+    /// still the user's). False, with "User cancelled authorization." as
+    /// the error, when no right could be had.
+    virtual bool authTrashItem(const std::string& path, std::string* trashedPath = nullptr,
+                               std::string* error = nullptr) {
+        (void)path, (void)trashedPath;
+        if (error) *error = "User cancelled authorization.";
+        return false;
+    }
+
     /// The process-wide Trash (the platform's unless a test replaced it).
     static KTTrash& shared();
     /// Replaces the process-wide Trash; null puts the platform's back.

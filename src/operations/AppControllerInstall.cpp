@@ -8,14 +8,15 @@
 
 #include "SharedFiles/KTAuthorization.h"
 #include "SharedFiles/KTFileManager.h"
+#include "SharedFiles/KTFileTree.h"
 #include "SharedFiles/KTLocalPaths.h"
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTTaskNotification.h"
+#include "SharedFiles/KTTransfer.h"
 #include "app/core/AppController.h"
 #include "catalogue/KTOutlineView.h"
 #include "catalogue/OutlineViewController.h"
 #include "operations/KTFileMover.h"
-#include "operations/KTInstallCopier.h"
 #include "operations/KTInstallRecognizer.h"
 #include "operations/KTOperationSupport.h"
 
@@ -328,8 +329,8 @@ std::vector<std::string> AppController::installPlugins(const std::vector<std::st
                 KTLog::appendLog("Trashing old file %@...", *existing);
                 if (!KTFileManager::trashFile(*existing, false)) {
                     KTLog::appendLog("Unable to trash file. Authorizing...");
-                    KTAuthorization::sharedController()->authTrashFile(*existing);
-                    KTFileMover::pauseAfterPrivilegedStep();
+                    if (KTFileManager::trashFile(*existing, true))
+                        KTFileMover::pauseAfterPrivilegedStep();
                 }
                 if (exists(*existing)) {
                     // Copying now would leave the old plug-in in place and call it installed.
@@ -341,11 +342,28 @@ std::vector<std::string> AppController::installPlugins(const std::vector<std::st
             }
 
             std::string error;
-            if (!KTInstallCopier::shared().copyItem(kind.sourcePath, destination, &error)) {
-                KTLog::appendLog("Unable to copy file %@ to %@. Authorizing...", path, destination);
-                if (!KTInstallCopier::shared().authCopyItem(kind.sourcePath, destination, &error))
-                    KTLog::appendLog("User cancelled authorization.");
-                if (!exists(destination)) {
+            std::error_code ec;
+            KTTransfer& transfer = KTTransfer::shared();
+            if (!transfer.copyItem(kind.sourcePath, destination, &error)) {
+                KTLog::appendLog("Unable to copy file %@ to %@ - %@", path, destination, error);
+                KTAuthorization* auth = KTAuthorization::sharedController();
+                bool copied = false;
+                if (!auth->isAuthorized() && !auth->canAuthorize()) {
+                    KTLog::appendLogAndPrint("Left %@ uninstalled - %@", path, error);
+                } else if (KTFileTree::existsNoFollow(destination) ||
+                           !fs::exists(kind.sourcePath, ec)) {
+                    // Never replaced, and a link to nothing stays refused: rights change neither.
+                    KTLog::appendLogAndPrint("%@", error);
+                } else {
+                    KTLog::appendLog("Authorizing...");
+                    const auto outcome =
+                        transfer.authCopyItem(kind.sourcePath, destination, &error);
+                    if (outcome == KTTransfer::Outcome::Refused)
+                        KTLog::appendLog("User cancelled authorization.");
+                    if (outcome == KTTransfer::Outcome::Failed) KTLog::appendLog("%@", error);
+                    copied = outcome == KTTransfer::Outcome::Done;
+                }
+                if (!copied) {
                     KTTaskNotification::postTaskErrorString(KTFormat::str(
                         "Ambrel: Unable to copy file from %@ to %@. Please check your file "
                         "permissions.",

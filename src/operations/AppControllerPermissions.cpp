@@ -9,6 +9,7 @@
 #include "SharedFiles/KTLocalPaths.h"
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTTaskNotification.h"
+#include "SharedFiles/KTTransfer.h"
 #include "app/core/AppController.h"
 #include "catalogue/KTPluginLocations.h"
 #include "catalogue/OutlineViewController.h"
@@ -70,8 +71,9 @@ std::optional<std::string> AppController::convertPluginStorageMode(const std::st
             // Even a folder made with rights ends the conversion here, without a move.
             return std::nullopt;
     }
-    if (!KTFileMover::shared().moveItem(path, converted)) {
-        if (!KTAuthorization::sharedController()->authMoveFile(path, converted)) return path;
+    if (!KTTransfer::shared().moveItem(path, converted)) {
+        if (KTTransfer::shared().authMoveItem(path, converted) != KTTransfer::Outcome::Done)
+            return path;
         KTFileMover::pauseAfterPrivilegedStep();
     }
     outline_->removeEmptyFolder(parentOf(path), true);

@@ -16,6 +16,7 @@
 #include "SharedFiles/KTLocalPaths.h"
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTTaskNotification.h"
+#include "SharedFiles/KTTransfer.h"
 #include "app/core/AppController.h"
 #include "catalogue/KTOutlineView.h"
 #include "catalogue/OutlineViewController.h"
@@ -144,11 +145,11 @@ bool OutlineViewController::moveFileFrom(const std::string& oldPath, const std::
         return false;
     }
 
-    KTFileMover& mover = KTFileMover::shared();
+    KTTransfer& transfer = KTTransfer::shared();
     std::string error;
     if (isWritable(oldPath) && isDeletable(oldPath) && isWritable(folder) && isDeletable(folder)) {
         KTLog::appendLog("Moving %@ to %@", oldPath, newPath);
-        if (!mover.moveItem(oldPath, newPath, &error)) {
+        if (!transfer.moveItem(oldPath, newPath, &error)) {
             postAndLog("Unable to move %@ to %@ - %@", oldPath, newPath, error);
             return false;
         }
@@ -158,17 +159,26 @@ bool OutlineViewController::moveFileFrom(const std::string& oldPath, const std::
 
     KTLog::appendLog("File permissions are preventing Ambrel from moving %@ to %@ - authorizing...",
                      oldPath, newPath);
-    if (!mover.moveItem(oldPath, newPath, &error)) {
-        if (!KTAuthorization::sharedController()->authMoveFile(oldPath, newPath)) {
-            KTLog::appendLog("User cancelled authorization.");
-            if (app_) app_->setProcessingCancelled(true);
+    if (!transfer.moveItem(oldPath, newPath, &error)) {
+        KTAuthorization* auth = KTAuthorization::sharedController();
+        if (!auth->isAuthorized() && !auth->canAuthorize()) {
+            // Nobody to ask (the command line): this plug-in stays, the batch goes on.
+            KTLog::appendLogAndPrint("Left %@ where it is - %@", oldPath, error);
             return false;
         }
-        KTFileMover::pauseAfterPrivilegedStep();
-    }
-    if (!exists(newPath)) {
-        postAndLog("Error: File %@ could not be moved to %@.", oldPath, newPath);
-        return false;
+        switch (transfer.authMoveItem(oldPath, newPath, &error)) {
+            case KTTransfer::Outcome::Refused:
+                KTLog::appendLog("User cancelled authorization.");
+                if (app_) app_->setProcessingCancelled(true);
+                return false;
+            case KTTransfer::Outcome::Failed:
+                KTLog::appendLog("%@", error);
+                postAndLog("Error: File %@ could not be moved to %@.", oldPath, newPath);
+                return false;
+            case KTTransfer::Outcome::Done:
+                KTFileMover::pauseAfterPrivilegedStep();
+                break;
+        }
     }
     removeEmptyFolder(parentOf(oldPath), true);
     return true;
@@ -229,13 +239,25 @@ bool OutlineViewController::removeEmptyFolder(const std::string& folder,
     }
 
     KTLog::appendLog("Beginning removal of empty folder %@...", folder);
-    fs::remove_all(folder, ec);
-    if (!ec && !exists(folder)) return true;
-    const std::string failure = ec ? ec.message() : std::string("the folder is still there");
-    KTAuthorization::sharedController()->authTrashFile(folder);
-    KTFileMover::pauseAfterPrivilegedStep();
+    // Never a recursive delete after a look: another batch may have put a
+    // plug-in here since. rmdir refuses a folder that is no longer empty.
+    const std::string dsStore = KTPluginLocations::appendPathComponent(folder, ".DS_Store");
+    int err = 0;
+    if (::unlink(dsStore.c_str()) != 0 && errno != ENOENT) err = errno;
+    if (err == 0 && ::rmdir(folder.c_str()) == 0) return true;
+    if (err == 0) err = errno;
+    if (err == ENOTEMPTY || err == EEXIST) {
+        KTLog::appendLog("Folder %@ is no longer empty; kept", folder);
+        return false;
+    }
+    KTAuthorization* auth = KTAuthorization::sharedController();
+    if (err != ENOENT && (auth->isAuthorized() || auth->canAuthorize())) {
+        if (exists(dsStore)) auth->authExecTask("/bin/rm", {"-f", dsStore}, false);
+        auth->authExecTask("/bin/rm", {"-d", folder}, false);
+        KTFileMover::pauseAfterPrivilegedStep();
+    }
     if (!exists(folder)) return true;
-    postAndLog("Unable to remove empty folder %@ - %@", folder, failure);
+    postAndLog("Unable to remove empty folder %@ - %@", folder, std::strerror(err));
     return false;
 }
 

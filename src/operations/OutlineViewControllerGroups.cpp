@@ -263,8 +263,8 @@ bool OutlineViewController::moveItem(const KTItemPtr& item,
         }
         if (!KTFileManager::trashFile(destination, false)) {
             KTLog::appendLog("Unable to trash %@. Authorizing...", destination);
-            KTAuthorization::sharedController()->authTrashFile(destination);
-            KTFileMover::pauseAfterPrivilegedStep();
+            if (KTFileManager::trashFile(destination, true))
+                KTFileMover::pauseAfterPrivilegedStep();
             if (exists(destination)) {
                 KTTaskNotification::postTaskErrorString(
                     KTFormat::str("Unable to trash %@.", destination));

@@ -35,6 +35,11 @@ class Spinner {
 bool OutlineViewController::removePlugin(const std::shared_ptr<KTPluginItem>& item) {
     Spinner spinner(app_);
     if (!item) return false;
+    if (item->isLocked()) {
+        // Skipped like every other operation skips it; it stays in the tree.
+        KTLog::appendLog("Unable to move %@ - plugin is locked", item->shortName());
+        return true;
+    }
     // Where the file was last seen: its computed place when it is there, and
     // otherwise not a place where trashing "nothing" would count as done.
     item->updateActualPath();

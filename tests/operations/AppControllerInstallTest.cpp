@@ -10,7 +10,7 @@
 #include "catalogue/KTPluginItem.h"
 #include "catalogue/OutlineViewController.h"
 #include "operations/KTFileMover.h"
-#include "operations/KTInstallCopier.h"
+#include "SharedFiles/KTTransfer.h"
 #include "support/ScratchRoot.h"
 #include "support/ScriptedUserInterface.h"
 
@@ -23,7 +23,7 @@ bool exists(const std::string& p) {
 }
 
 /// A copier whose ordinary copy always fails, as on a folder the user may not write.
-class RefusingCopier : public KTInstallCopier {
+class RefusingCopier : public KTTransfer {
   protected:
     bool copyTree(const std::string&, const std::string&, std::string* error) override {
         if (error) *error = "Permission denied";
@@ -41,7 +41,7 @@ class InstallTest : public ::testing::Test {
     }
     void TearDown() override {
         settle();
-        KTInstallCopier::setShared(nullptr);
+        KTTransfer::setShared(nullptr);
         KTFileMover::setPrivilegedPauseSecondsForTesting(1);
     }
     void settle() {
@@ -131,7 +131,7 @@ TEST_F(InstallTest, TargetGroupAndFoldersThatBecomeGroups) {
 }
 
 TEST_F(InstallTest, RefusedCopyFallsBackToAdministratorRights) {
-    KTInstallCopier::setShared(std::make_shared<RefusingCopier>());
+    KTTransfer::setShared(std::make_shared<RefusingCopier>());
     file("Echo.component/Contents/Info.plist", "plist");
     if (!install({s.base() + "/in/Echo.component"}, false).empty())
         GTEST_SKIP() << "no administrator rights here";
