@@ -1,5 +1,7 @@
 #include "operations/KTFileMover.h"
 
+#include "SharedFiles/KTTransferPlan.h"
+
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -15,5 +17,6 @@ void KTFileMover::setPrivilegedPauseSecondsForTesting(double seconds) {
     gPause = seconds;
 }
 void KTFileMover::pauseAfterPrivilegedStep() {
+    if (KTTransferPlan::active()) return;  // no tool ran
     std::this_thread::sleep_for(std::chrono::duration<double>(gPause.load()));
 }

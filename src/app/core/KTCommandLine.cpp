@@ -7,14 +7,18 @@
 
 #include "SharedFiles/KTLog.h"
 #include "app/core/AppController.h"
+#include "catalogue/KTCatalogueExport.h"
+#include "catalogue/KTDuplicateFinder.h"
 #include "catalogue/KTItemArchive.h"
 #include "catalogue/KTPluginLocations.h"
 #include "catalogue/OutlineViewController.h"
 #include "installer/KTInstallerCommands.h"
+#include "operations/KTDryRun.h"
 
 namespace {
 const char* const kVerbs[] = {"-install", "-enable", "-disable", "-remove", "-setaccess",
-                              "-allplugins", "-createinstaller", "-setappleid"};
+                              "-allplugins", "-createinstaller", "-setappleid",
+                              "-duplicates"};
 
 void writeAll(const std::string& bytes) {
     std::size_t done = 0;
@@ -39,9 +43,12 @@ std::string KTCommandLine::versionText() { return std::string("ambrel ") + AMBRE
 std::string KTCommandLine::usage() {
     return "usage: ambrel                          open the window\n"
            "       ambrel --help | --version       this text, or the version\n"
-           "       ambrel -allplugins [-data|-plist]\n"
+           "       ambrel -allplugins [-data|-plist|-json|-csv]\n"
            "                                       list every plug-in path, enabled first;\n"
-           "                                       -data writes the catalogue as a keyed archive\n"
+           "                                       -data writes the catalogue as a keyed archive,\n"
+           "                                       -json and -csv every plug-in with its details\n"
+           "       ambrel -duplicates              plug-ins found more than once, grouped, with\n"
+           "                                       the copy hosts load and why\n"
            "       ambrel -enable [name]           enable the plug-ins named name (a file name,\n"
            "                                       or any path ending in it); without a name,\n"
            "                                       every disabled plug-in\n"
@@ -52,11 +59,15 @@ std::string KTCommandLine::usage() {
            "                                       user, or with -all for all users\n"
            "       ambrel -setaccess scope [name]  move them to the folders of a scope: 0 all\n"
            "                                       users, 1 current user; without a name, every\n"
-           "                                       plug-in\n" +
+           "                                       plug-in\n"
+           "       -dryrun after -enable, -disable, -remove, -setaccess or -install prints\n"
+           "                                       what would be moved where and changes nothing\n" +
            KTInstallerCommands::usage();
 }
 
-int KTCommandLine::run(const std::vector<std::string>& args) {
+int KTCommandLine::run(const std::vector<std::string>& arguments) {
+    std::vector<std::string> args = arguments;
+    const std::unique_ptr<KTTransferPlan> plan = KTDryRun::begin(args);
     std::unique_ptr<AppController> app = AppController::initWithoutGUI();
     if (!app) return kControllerFailed;
     // The keychain needs no catalogue.
@@ -71,6 +82,8 @@ int KTCommandLine::run(const std::vector<std::string>& args) {
     if (verb == "-setaccess") status = setAccess(*app, args);
     if (verb == "-install") status = install(*app, args);
     if (verb == "-createinstaller") status = KTInstallerCommands::createInstaller(*app, args);
+    if (verb == "-duplicates") status = duplicates(*app);
+    if (plan) writeAll(KTDryRun::report(*plan));
     // Everything the verb logged is on disk before the process ends.
     KTLog::finishWriting();
     return status;
@@ -79,6 +92,13 @@ int KTCommandLine::run(const std::vector<std::string>& args) {
 int KTCommandLine::allPlugins(AppController& app, const std::vector<std::string>& args) {
     const std::string mode = args.size() > 1 ? args[1] : "";
     if (mode == "-plist") return 0;  // loads the catalogue and writes nothing
+    if (mode == "-json" || mode == "-csv") {
+        auto entries = KTCatalogueEntry::collect(app);
+        KTDuplicateFinder::find(entries);  // marks the shadowed copies
+        writeAll(KTCatalogueExport::text(entries, mode == "-json" ? KTCatalogueExport::Format::JSON
+                                                                  : KTCatalogueExport::Format::CSV));
+        return 0;
+    }
     if (mode == "-data") {
         writeAll(KTItemArchive::archivedDataWithRootObject(app.outlineViewController().dataArray()));
         std::fflush(stdout);
@@ -135,6 +155,12 @@ int KTCommandLine::setAccess(AppController& app, const std::vector<std::string>&
         if (name && *name != lastComponent(path)) continue;
         if (auto item = outline.pluginFromPath(path)) outline.setAccess(scope, item, false, false);
     }
+    return 0;
+}
+
+int KTCommandLine::duplicates(AppController& app) {
+    auto entries = KTCatalogueEntry::collect(app);
+    writeAll(KTDuplicateFinder::describe(entries, KTDuplicateFinder::find(entries)));
     return 0;
 }
 
