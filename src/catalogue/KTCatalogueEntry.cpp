@@ -122,18 +122,36 @@ KTCatalogueEntry KTCatalogueEntry::fromItem(const std::shared_ptr<KTPluginItem>&
 }
 
 std::vector<KTCatalogueEntry> KTCatalogueEntry::collect(AppController& app) {
-    std::vector<KTCatalogueEntry> entries;
-    std::unordered_set<const KTPluginItem*> seen;
     OutlineViewController& outline = app.outlineViewController();
     KTPluginLocations::FolderCache folders;
-    for (const auto& path : app.listPlugins(true, false)) {
-        auto item = outline.pluginFromPath(path);
-        if (!item || !seen.insert(item.get()).second) continue;
-        entries.push_back(fromItem(item, path));
+    const std::vector<std::string> paths = app.listPlugins(true, false);
+    std::vector<std::shared_ptr<KTPluginItem>> found(paths.size());
+    std::unordered_set<const KTPluginItem*> seen;
+    for (std::size_t i = 0; i < paths.size(); ++i) {
+        auto item = outline.pluginFromPath(paths[i]);
+        if (item && seen.insert(item.get()).second) found[i] = item;
     }
-    for (const auto& item : outline.allPlugins()) {
-        if (item && seen.insert(item.get()).second)
-            entries.push_back(fromItem(item, item->actualPath()));
+    // An item whose computed place is not where the listing found it (a
+    // folder the table and the item rule name differently) is matched by
+    // its file name, so that it keeps its listed place and order.
+    std::vector<std::shared_ptr<KTPluginItem>> rest;
+    for (const auto& item : outline.allPlugins())
+        if (item && !seen.count(item.get())) rest.push_back(item);
+    for (std::size_t i = 0; i < paths.size(); ++i) {
+        if (found[i]) continue;
+        for (auto it = rest.begin(); it != rest.end(); ++it) {
+            if (paths[i].size() > (*it)->fileName().size() &&
+                paths[i].ends_with("/" + (*it)->fileName()) &&
+                KTPluginLocations::isDisabledPath(paths[i]) == ((*it)->pluginEnabled() == 0)) {
+                found[i] = *it;
+                rest.erase(it);
+                break;
+            }
+        }
     }
+    std::vector<KTCatalogueEntry> entries;
+    for (std::size_t i = 0; i < paths.size(); ++i)
+        if (found[i]) entries.push_back(fromItem(found[i], paths[i]));
+    for (const auto& item : rest) entries.push_back(fromItem(item, item->actualPath()));
     return entries;
 }

@@ -34,6 +34,8 @@
 #include "SharedFiles/KTPreferences.h"
 #include "app/core/AppController.h"
 #include "app/window/KTInstallerWindow.h"
+#include "app/window/KTDuplicateMarks.h"
+#include "app/window/KTExportPanel.h"
 #include "app/window/KTOutlineModel.h"
 #include "app/window/KTPreferencesWindow.h"
 #include "app/window/KTQtUserInterface.h"
@@ -64,6 +66,7 @@ struct FilterEntry {
 const FilterEntry kFilters[] = {
     {"All Plugins", 0}, {"Final Cut Pro", 1}, {"Motion", 2},        {"Avid", 3},
     {"Adobe & VST", 4}, {"OpenFX", 5},        {"Video Plugins", 7}, {"Audio Plugins", 8},
+    {"Duplicates", KTDuplicateMarks::kFilterValue},
 };
 
 bool anyLabel(const std::vector<std::string>& labels,
@@ -265,6 +268,7 @@ void KTMainWindow::buildMenus() {
     file->addAction(installAction_);
     file->addAction(QStringLiteral("Create Ambrel Installer..."), this,
                     [this] { KTInstallerWindow::showInstallerWindow(this, selectedItems()); });
+    file->addAction(QStringLiteral("Export..."), this, [this] { KTExportPanel::run(this, app_); });
     file->addSeparator();
     file->addAction(printAction_);
     file->addSeparator();
@@ -456,8 +460,14 @@ void KTMainWindow::catalogueReloadFinished() {
     const unsigned generation = ++reloadGeneration_;
     app_.batchThreads().start([this, generation] {
         controller_.waitForBundleInspection();
-        onMain([this, generation] {
+        auto duplicates = [this] {
+            std::lock_guard<std::recursive_mutex> l(controller_.treeLock());
+            return KTDuplicateMarks::compute(app_);
+        }();
+        onMain([this, generation, &duplicates] {
             if (reloading_ || generation != reloadGeneration_) return;
+            model_->setDuplicateMarks(std::move(duplicates),
+                                      filter_->currentData().toInt() == KTDuplicateMarks::kFilterValue);
             applySortingForOutlineView();
             model_->rebuild();
             tree_->viewport()->update();
