@@ -119,6 +119,9 @@ bool KTTransferPlan::copy(const std::string& source, const std::string& to, bool
         return false;
     };
     if (!exists(source)) return fail(KTFormat::str("%@ does not exist", source));
+    struct stat st {};
+    if (onDisk(source) && ::stat(source.c_str(), &st) != 0)
+        return fail(KTFormat::str("%@ is a link to nothing", source));
     if (exists(to)) return fail(KTFormat::str("%@ already exists", to));
     if (!withRights && !canWriteInto(parentOf(to)))
         return fail(KTFormat::str("Unable to copy %@ - Permission denied", source));
