@@ -13,8 +13,8 @@
 #include "SharedFiles/KTAuthorization.h"
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTMainThread.h"
-#include "SharedFiles/KTTrash.h"
 #include "SharedFiles/KTTransferPlan.h"
+#include "SharedFiles/KTTrash.h"
 
 namespace {
 

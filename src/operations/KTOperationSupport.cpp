@@ -88,7 +88,8 @@ bool isWritable(const std::string& path) {
 
 bool isDeletable(const std::string& path) {
     const std::string parent = parentOf(path);
-    if (KTTransferPlan* plan = KTTransferPlan::active(); plan && ::access(parent.c_str(), F_OK) != 0)
+    if (KTTransferPlan* plan = KTTransferPlan::active();
+        plan && ::access(parent.c_str(), F_OK) != 0)
         return plan->canWriteInto(parent);
     if (::access(parent.c_str(), W_OK | X_OK) != 0) return false;
     // In a sticky folder only the owner (or root) may take an entry away.

@@ -546,9 +546,12 @@ TEST_F(MainWindowTest, DuplicatesAreMarkedAndTheirFilterShowsOnlyThem) {
     }
     ASSERT_TRUE(machine.isValid() && user.isValid());
     EXPECT_TRUE(cell(user, Col::colVersion, Qt::ToolTipRole).contains("In use: the current user"));
-    EXPECT_TRUE(cell(machine, Col::colVersion, Qt::ToolTipRole).contains("Not loaded: shadowed by"));
-    EXPECT_FALSE(model().data(machine.siblingAtColumn(Col::colVersion), Qt::DecorationRole).isNull());
-    EXPECT_TRUE(model().data(row("Hum").siblingAtColumn(Col::colVersion), Qt::DecorationRole).isNull());
+    EXPECT_TRUE(
+        cell(machine, Col::colVersion, Qt::ToolTipRole).contains("Not loaded: shadowed by"));
+    EXPECT_FALSE(
+        model().data(machine.siblingAtColumn(Col::colVersion), Qt::DecorationRole).isNull());
+    EXPECT_TRUE(
+        model().data(row("Hum").siblingAtColumn(Col::colVersion), Qt::DecorationRole).isNull());
 
     QComboBox* filter = window->filterPopup();
     const int duplicates = filter->findText("Duplicates");

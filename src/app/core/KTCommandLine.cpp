@@ -16,9 +16,9 @@
 #include "operations/KTDryRun.h"
 
 namespace {
-const char* const kVerbs[] = {"-install", "-enable", "-disable", "-remove", "-setaccess",
-                              "-allplugins", "-createinstaller", "-setappleid",
-                              "-duplicates"};
+const char* const kVerbs[] = {"-install",         "-enable",     "-disable",
+                              "-remove",          "-setaccess",  "-allplugins",
+                              "-createinstaller", "-setappleid", "-duplicates"};
 
 void writeAll(const std::string& bytes) {
     std::size_t done = 0;
@@ -60,8 +60,8 @@ std::string KTCommandLine::usage() {
            "       ambrel -setaccess scope [name]  move them to the folders of a scope: 0 all\n"
            "                                       users, 1 current user; without a name, every\n"
            "                                       plug-in\n"
-           "       -dryrun after -enable, -disable, -remove, -setaccess or -install prints\n"
-           "                                       what would be moved where and changes nothing\n" +
+           "       -dryrun after -enable, -disable, -remove, -setaccess or -install:\n"
+           "                                       print what would move where, change nothing\n" +
            KTInstallerCommands::usage();
 }
 
@@ -95,8 +95,9 @@ int KTCommandLine::allPlugins(AppController& app, const std::vector<std::string>
     if (mode == "-json" || mode == "-csv") {
         auto entries = KTCatalogueEntry::collect(app);
         KTDuplicateFinder::find(entries);  // marks the shadowed copies
-        writeAll(KTCatalogueExport::text(entries, mode == "-json" ? KTCatalogueExport::Format::JSON
-                                                                  : KTCatalogueExport::Format::CSV));
+        writeAll(KTCatalogueExport::text(entries, mode == "-json"
+                                                      ? KTCatalogueExport::Format::JSON
+                                                      : KTCatalogueExport::Format::CSV));
         return 0;
     }
     if (mode == "-data") {

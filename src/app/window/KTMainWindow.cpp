@@ -33,9 +33,9 @@
 #include "SharedFiles/KTMainThread.h"
 #include "SharedFiles/KTPreferences.h"
 #include "app/core/AppController.h"
-#include "app/window/KTInstallerWindow.h"
 #include "app/window/KTDuplicateMarks.h"
 #include "app/window/KTExportPanel.h"
+#include "app/window/KTInstallerWindow.h"
 #include "app/window/KTOutlineModel.h"
 #include "app/window/KTPreferencesWindow.h"
 #include "app/window/KTQtUserInterface.h"
@@ -466,8 +466,8 @@ void KTMainWindow::catalogueReloadFinished() {
         }();
         onMain([this, generation, &duplicates] {
             if (reloading_ || generation != reloadGeneration_) return;
-            model_->setDuplicateMarks(std::move(duplicates),
-                                      filter_->currentData().toInt() == KTDuplicateMarks::kFilterValue);
+            model_->setDuplicateMarks(std::move(duplicates), filter_->currentData().toInt() ==
+                                                                 KTDuplicateMarks::kFilterValue);
             applySortingForOutlineView();
             model_->rebuild();
             tree_->viewport()->update();
