@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "SharedFiles/KTLog.h"
+
 bool KTDryRun::isChangingVerb(const std::string& verb) {
     return verb == "-disable" || verb == "-enable" || verb == "-remove" || verb == "-setaccess" ||
            verb == "-install";
@@ -18,5 +20,8 @@ std::unique_ptr<KTTransferPlan> KTDryRun::begin(std::vector<std::string>& args) 
 }
 
 std::string KTDryRun::report(const KTTransferPlan& plan) {
-    return plan.describe() + "Dry run: nothing was changed.\n";
+    // The log keeps the plan too: it is the one record a dry run leaves.
+    const std::string text = plan.describe();
+    KTLog::appendLog("Dry run, nothing was changed. The plan:\n%@", text);
+    return text + "Dry run: nothing was changed.\n";
 }

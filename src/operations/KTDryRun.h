@@ -17,7 +17,7 @@ class KTDryRun {
     /// the plan that is then active for the rest of the process, or null
     /// when there was none (or the verb changes nothing).
     static std::unique_ptr<KTTransferPlan> begin(std::vector<std::string>& args);
-    /// The plan as printed: one line per move, copy or skip, then a last
-    /// line saying that nothing was changed.
+    /// The plan as printed (and logged): one line per move, copy or skip,
+    /// then a last line saying that nothing was changed.
     static std::string report(const KTTransferPlan& plan);
 };
