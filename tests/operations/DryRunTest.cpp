@@ -8,6 +8,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <pwd.h>
+
 #include <filesystem>
 #include <map>
 #include <set>
@@ -22,8 +24,12 @@ namespace {
 const char* const kDisabled =
     "/Library/Application Support/Quellbrook/Tallowby/Ambrel Disabled Plugins";
 
+/// Runs as another user when set (a command prefix such as setpriv's).
+std::vector<std::string> gRunAs;
+
 ChildProcess ambrel(const std::vector<std::string>& args) {
-    std::vector<std::string> argv = {ChildProcess::builtProgram("ambrel")};
+    std::vector<std::string> argv = gRunAs;
+    argv.push_back(ChildProcess::builtProgram("ambrel"));
     argv.insert(argv.end(), args.begin(), args.end());
     return ChildProcess::run(argv);
 }
@@ -225,4 +231,26 @@ TEST(DryRunTest, InstallOverAnExistingPlugin) {
     EXPECT_EQ(steps[0].from, t.au + "/Echo.component");
     EXPECT_EQ(steps[1].verb, "copy");
     EXPECT_EQ(steps[1].to, t.au + "/Echo.component");
+}
+
+TEST(DryRunTest, WithoutRightsThePlanSkipsWhatOnlyAnAdministratorCouldMove) {
+    passwd* nobody = ::getpwnam("nobody");
+    if (::geteuid() != 0 || !nobody || !fs::exists("/usr/bin/setpriv"))
+        GTEST_SKIP() << "needs root, the user nobody and setpriv";
+    Tree t;
+    // nobody owns the home; the machine's folders stay root's.
+    for (auto it = fs::recursive_directory_iterator(t.s.home()); it != fs::end(it); ++it)
+        ::lchown(it->path().c_str(), nobody->pw_uid, nobody->pw_gid);
+    ::chown(t.s.home().c_str(), nobody->pw_uid, nobody->pw_gid);
+    for (const auto& p : {t.s.base(), t.s.root()}) ::chmod(p.c_str(), 0755);
+    gRunAs = {"/usr/bin/setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"};
+    const std::string out = dryThenReal(t.s, {"-remove"});
+    gRunAs.clear();
+    EXPECT_NE(out.find("would skip: " + t.fx + "/Glow.fxplug - needs administrator rights"),
+              std::string::npos)
+        << out;
+    const auto steps = planned(out);
+    ASSERT_EQ(steps.size(), 1u) << out;
+    EXPECT_EQ(steps[0].from, t.userFx + "/Glow.fxplug");
+    EXPECT_TRUE(fs::exists(t.fx + "/Glow.fxplug/Contents/v"));
 }
