@@ -288,10 +288,10 @@ bool KTTransfer::moveAcross(const std::string& from, const std::string& to, std:
     // placed copy goes back under its work name and away.
     if (::rename(from.c_str(), n.aside.c_str()) != 0) {
         const int err = errno;
-        if (KTFileTree::renameNoReplace(to, n.copy) == 0) {
+        if (const int back = KTFileTree::renameNoReplace(to, n.copy); back == 0) {
             removeQuietly(n.copy);
         } else {
-            KTLog::appendLog("Unable to take back the copy %@ - %@", to, reason(errno));
+            KTLog::appendLog("Unable to take back the copy %@ - %@", to, reason(back));
         }
         dropNotes();
         setError(error, KTFormat::str("Unable to remove %@ - %@", from, reason(err)));

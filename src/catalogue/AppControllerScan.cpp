@@ -29,8 +29,9 @@ bool isTemplateDocumentExtension(const std::string& ext) {
 }
 
 bool isListedPluginExtension(const std::string& ext) {
-    static const char* const kListed[] = {"txt",       "fcfcc",  "bundle", "avx",  "dpm", "fxplug",
-                                          "component", "plugin", "vst",    "vst2", "vst3"};
+    static const char* const kListed[] = {"txt",    "fcfcc",  "bundle", "avx",
+                                          "dpm",    "fxplug", "component", "plugin",
+                                          "vst",    "vst2",   "vst3"};
     for (const char* e : kListed) {
         if (ext == e) return true;
     }
@@ -109,8 +110,7 @@ bool isMotionTemplateFolder(const std::string& path) {
 
 }  // namespace
 
-std::set<std::string> AppController::fileExtensionsInFileArray(
-    const std::vector<std::string>& names) {
+std::set<std::string> AppController::fileExtensionsInFileArray(const std::vector<std::string>& names) {
     std::set<std::string> out;
     for (const auto& n : names) out.insert(KTFilePackage::lowerExtension(n));
     return out;
@@ -121,8 +121,8 @@ std::optional<std::vector<std::string>> scanFolder(const std::string& folder, bo
                                                    bool ignoreFxFactory);
 }  // namespace
 
-std::optional<std::vector<std::string>> AppController::scanPluginsInFolder(
-    const std::string& folder, bool includeFolders) {
+std::optional<std::vector<std::string>> AppController::scanPluginsInFolder(const std::string& folder,
+                                                                           bool includeFolders) {
     return scanFolder(folder, includeFolders,
                       KTPreferences::standard().integerForKey("ignoreFxFactory") == 1);
 }
@@ -139,8 +139,7 @@ std::optional<std::vector<std::string>> scanFolder(const std::string& folder, bo
         std::error_code ec;
         std::string target = std::filesystem::read_symlink(plain, ec).string();
         if (!target.empty() && target.front() != '/')
-            target =
-                (std::filesystem::path(plain).parent_path() / target).lexically_normal().string();
+            target = (std::filesystem::path(plain).parent_path() / target).lexically_normal().string();
         if (!ec && target.rfind(plain, 0) == 0) return result;
     }
     struct stat st {};
@@ -159,8 +158,7 @@ std::optional<std::vector<std::string>> scanFolder(const std::string& folder, bo
     for (const auto& name : *names) {
         const std::string full = join(plain, name);
         const std::string ext = KTFilePackage::lowerExtension(name);
-        if (isTemplateDocumentExtension(ext))
-            return result;  // the folder is a template: its parent lists it
+        if (isTemplateDocumentExtension(ext)) return result;  // the folder is a template: its parent lists it
         if (isListedPluginExtension(ext)) {
             result.push_back(full);
             continue;
@@ -206,8 +204,7 @@ std::vector<std::string> AppController::listPlugins(bool includeDisabled, bool i
     return listPlugins(includeDisabled, includeFolders, folders);
 }
 
-std::vector<std::string> AppController::foldersForFilter(int filter,
-                                                         const KTPluginFolderDict& dict) {
+std::vector<std::string> AppController::foldersForFilter(int filter, const KTPluginFolderDict& dict) {
     static const std::vector<std::vector<std::string>> kFilters = {
         {},
         {"localFxPlug", "userFxPlug", "localFxScript", "userFxScript", "localAU", "userAU",
@@ -236,8 +233,7 @@ std::vector<std::string> AppController::foldersForFilter(int filter,
     return folders;
 }
 
-std::vector<std::string> AppController::listFilteredPlugins(bool includeDisabled,
-                                                            bool includeFolders) {
+std::vector<std::string> AppController::listFilteredPlugins(bool includeDisabled, bool includeFolders) {
     int filter = static_cast<int>(KTPreferences::standard().integerForKey("filter"));
     return listPlugins(includeDisabled, includeFolders,
                        foldersForFilter(filter, KTPluginLocations::pluginFolderDict()));
@@ -250,8 +246,7 @@ std::vector<std::string> AppController::listPlugins(bool includeDisabled, bool i
     std::vector<std::string> result;
     for (int pass = 0; pass < (includeDisabled ? 2 : 1); ++pass) {
         for (const auto& folder : folders) {
-            std::string scanned =
-                pass == 0 ? folder : KTPluginLocations::disabledPathForPath(folder);
+            std::string scanned = pass == 0 ? folder : KTPluginLocations::disabledPathForPath(folder);
             if (auto found = scanFolder(scanned, includeFolders, ignoreFxFactory))
                 result.insert(result.end(), found->begin(), found->end());
         }
@@ -274,8 +269,7 @@ void AppController::processPluginAtPath(const std::string& path, int filter,
 
     std::string cut = path;
     long long enabled = 1;
-    if (path.size() > disabledPath.size() + 1 &&
-        path.compare(0, disabledPath.size(), disabledPath) == 0) {
+    if (path.size() > disabledPath.size() + 1 && path.compare(0, disabledPath.size(), disabledPath) == 0) {
         cut = path.substr(disabledPath.size());
         // The rest mirrors the plug-in's path as a host sees it; map it back
         // onto this machine's system root.
@@ -286,27 +280,13 @@ void AppController::processPluginAtPath(const std::string& path, int filter,
     std::int64_t kind = -1, access = -1;
     std::string base;
     static const std::pair<const char*, std::pair<int, int>> kClassification[] = {
-        {"localFxPlug", {0, 0}},
-        {"userFxPlug", {0, 1}},
-        {"localFxScript", {1, 0}},
-        {"userFxScript", {1, 1}},
-        {"localAU", {2, 0}},
-        {"userAU", {2, 1}},
-        {"avidAVX", {3, 0}},
-        {"avidAVX2", {5, 0}},
-        {"avidRTAS", {6, 0}},
-        {"adobeCommon", {4, 0}},
-        {"localVST", {7, 0}},
-        {"userVST", {7, 1}},
-        {"localVST2", {11, 0}},
-        {"userVST2", {11, 1}},
-        {"localVST3", {12, 0}},
-        {"userVST3", {12, 1}},
-        {"localMotionTemplate", {8, 0}},
-        {"userMotionTemplate", {8, 1}},
-        {"localOFX", {9, 0}},
-        {"localQuartz", {10, 0}},
-        {"userQuartz", {10, 1}},
+        {"localFxPlug", {0, 0}},  {"userFxPlug", {0, 1}},  {"localFxScript", {1, 0}},
+        {"userFxScript", {1, 1}}, {"localAU", {2, 0}},     {"userAU", {2, 1}},
+        {"avidAVX", {3, 0}},      {"avidAVX2", {5, 0}},    {"avidRTAS", {6, 0}},
+        {"adobeCommon", {4, 0}},  {"localVST", {7, 0}},    {"userVST", {7, 1}},
+        {"localVST2", {11, 0}},   {"userVST2", {11, 1}},   {"localVST3", {12, 0}},
+        {"userVST3", {12, 1}},    {"localMotionTemplate", {8, 0}}, {"userMotionTemplate", {8, 1}},
+        {"localOFX", {9, 0}},     {"localQuartz", {10, 0}}, {"userQuartz", {10, 1}},
     };
     for (const auto& [key, codes] : kClassification) {
         auto value = KTPluginLocations::folderForKey(dict, key);
@@ -319,11 +299,9 @@ void AppController::processPluginAtPath(const std::string& path, int filter,
     }
 
     std::string subdir;
-    std::string parent =
-        *KTLocalPaths::ensureTrailingSlash(KTPluginLocations::deletingLastPathComponent(cut));
+    std::string parent = *KTLocalPaths::ensureTrailingSlash(KTPluginLocations::deletingLastPathComponent(cut));
     std::string baseSlash = *KTLocalPaths::ensureTrailingSlash(base);
-    if (!base.empty() && parent.size() > baseSlash.size() &&
-        parent.compare(0, baseSlash.size(), baseSlash) == 0)
+    if (!base.empty() && parent.size() > baseSlash.size() && parent.compare(0, baseSlash.size(), baseSlash) == 0)
         subdir = parent.substr(baseSlash.size());
     else if (base.empty())
         subdir = "";

@@ -76,8 +76,8 @@ int KTCommandLine::run(const std::vector<std::string>& arguments) {
     app->outlineViewController().waitForBundleInspection();
 
     const std::string& verb = args.at(0);
-    if (verb == "-allplugins") return allPlugins(*app, args);
     int status = 0;
+    if (verb == "-allplugins") status = allPlugins(*app, args);
     if (verb == "-enable" || verb == "-disable" || verb == "-remove") status = pluginVerb(*app, args);
     if (verb == "-setaccess") status = setAccess(*app, args);
     if (verb == "-install") status = install(*app, args);
