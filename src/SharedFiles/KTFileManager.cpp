@@ -13,6 +13,7 @@
 #include "SharedFiles/KTAuthorization.h"
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTMainThread.h"
+#include "SharedFiles/KTTransferPlan.h"
 #include "SharedFiles/KTTrash.h"
 #include "SharedFiles/linux/KTZipArchive.h"
 
@@ -27,11 +28,12 @@ bool noFlagsHere(int err) {
 }  // namespace
 
 bool KTFileManager::fileExistsAtPath(const std::string& path) {
-    struct stat st {};
-    return !path.empty() && ::lstat(path.c_str(), &st) == 0;
+    // In a dry run what the plan moved away is gone and what it placed is there.
+    return KTTransferPlan::existsNow(path);
 }
 
 bool KTFileManager::unlockFile(const std::string& path) {
+    if (KTTransferPlan::active()) return true;  // a dry run changes no flag
     auto fail = [&](int err) {
         KTLog::fastAppendLog("Unable to unlock file %@: %@", path, std::strerror(err));
         return false;
@@ -67,6 +69,7 @@ bool KTFileManager::trashFile(const std::string& path, bool shouldAuth) {
     if (!auth->isAuthorized() && !auth->canAuthorize()) {
         // Nobody to ask (the command line): the item stays, and says why.
         KTLog::appendLogAndPrint("Left %@ where it is - %@", path, error);
+        KTTransferPlan::noteSkip(path, "needs administrator rights");
         return false;
     }
     if (KTTrash::shared().authTrashItem(path, nullptr, &error)) return true;

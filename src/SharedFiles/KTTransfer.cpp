@@ -20,6 +20,7 @@
 #include "SharedFiles/KTFileTree.h"
 #include "SharedFiles/KTFormat.h"
 #include "SharedFiles/KTLog.h"
+#include "SharedFiles/KTTransferPlan.h"
 
 namespace fs = std::filesystem;
 
@@ -222,6 +223,7 @@ KTTransfer::Names KTTransfer::workNames(const std::string& from, const std::stri
 
 bool KTTransfer::moveItem(const std::string& from, const std::string& to, std::string* error,
                           const std::string& reservation) {
+    if (KTTransferPlan* plan = KTTransferPlan::active()) return plan->move(from, to, false, error);
     if (!exists(from)) {
         setError(error, KTFormat::str("%@ does not exist", from));
         return false;
@@ -308,6 +310,8 @@ bool KTTransfer::moveAcross(const std::string& from, const std::string& to, std:
 
 bool KTTransfer::copyItem(const std::string& sourcePath, const std::string& to,
                           std::string* error) {
+    if (KTTransferPlan* plan = KTTransferPlan::active())
+        return plan->copy(sourcePath, to, false, error);
     std::string source = sourcePath;
     struct stat st {};
     if (::lstat(source.c_str(), &st) != 0) {
@@ -348,6 +352,8 @@ bool KTTransfer::copyItem(const std::string& sourcePath, const std::string& to,
 
 KTTransfer::Outcome KTTransfer::authMoveItem(const std::string& from, const std::string& to,
                                              std::string* error) {
+    if (KTTransferPlan* plan = KTTransferPlan::active())
+        return plan->move(from, to, true, error) ? Outcome::Done : Outcome::Failed;
     if (!exists(from)) {
         setError(error, KTFormat::str("%@ does not exist", from));
         return Outcome::Failed;
@@ -422,6 +428,8 @@ KTTransfer::Outcome KTTransfer::authMoveAcross(const std::string& from, const st
 
 KTTransfer::Outcome KTTransfer::authCopyItem(const std::string& sourcePath, const std::string& to,
                                              std::string* error) {
+    if (KTTransferPlan* plan = KTTransferPlan::active())
+        return plan->copy(sourcePath, to, true, error) ? Outcome::Done : Outcome::Failed;
     std::string source = sourcePath;
     std::error_code ec;
     if (fs::is_symlink(fs::symlink_status(source, ec))) {
@@ -457,6 +465,7 @@ KTTransfer::Outcome KTTransfer::authCopyItem(const std::string& sourcePath, cons
 }
 
 void KTTransfer::recoverFolder(const std::string& folder, bool again) {
+    if (KTTransferPlan::active()) return;  // a dry run leaves even leftovers as they are
     {
         std::lock_guard<std::mutex> l(lock_);
         if (!again && !recovered_.insert(folder).second) return;

@@ -18,6 +18,7 @@
 #include "SharedFiles/KTOperationQueue.h"
 #include "SharedFiles/KTPreferences.h"
 #include "SharedFiles/KTTransfer.h"
+#include "SharedFiles/KTTransferPlan.h"
 #include "SharedFiles/KTUserInterface.h"
 #include "app/core/AppController.h"
 #include "catalogue/KTFilePackage.h"
@@ -442,7 +443,8 @@ void AppController::loadPluginData() {
         KTLog::fastAppendLog("Loading plugin data...");
         const std::string disabled = KTPluginLocations::disabledPath();
         std::error_code ec;
-        if (!std::filesystem::exists(disabled, ec)) std::filesystem::create_directories(disabled, ec);
+        if (!std::filesystem::exists(disabled, ec) && !KTTransferPlan::active())
+            std::filesystem::create_directories(disabled, ec);
 
         KTPluginLocations::FolderCache folderCache;
         std::vector<std::string> paths = listFilteredPlugins(true, true);

@@ -13,6 +13,7 @@
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTTaskNotification.h"
 #include "SharedFiles/KTTransfer.h"
+#include "SharedFiles/KTTransferPlan.h"
 #include "app/core/AppController.h"
 #include "catalogue/KTOutlineView.h"
 #include "catalogue/OutlineViewController.h"
@@ -350,6 +351,7 @@ std::vector<std::string> AppController::installPlugins(const std::vector<std::st
                 bool copied = false;
                 if (!auth->isAuthorized() && !auth->canAuthorize()) {
                     KTLog::appendLogAndPrint("Left %@ uninstalled - %@", path, error);
+                    KTTransferPlan::noteSkip(path, "needs administrator rights");
                 } else if (KTFileTree::existsNoFollow(destination) ||
                            !fs::exists(kind.sourcePath, ec)) {
                     // Never replaced, and a link to nothing stays refused: rights change neither.

@@ -1,5 +1,7 @@
 #include "operations/KTFileMover.h"
 
+#include "SharedFiles/KTTransferPlan.h"
+
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -17,5 +19,6 @@ void KTFileMover::setPrivilegedPauseSecondsForTesting(double seconds) {
     gPause = seconds;
 }
 void KTFileMover::pauseAfterPrivilegedStep() {
+    if (KTTransferPlan::active()) return;  // no tool ran
     std::this_thread::sleep_for(KTTimeScale::scaled(std::chrono::duration<double>(gPause.load())));
 }

@@ -8,6 +8,7 @@
 #include "SharedFiles/KTAuthorization.h"
 #include "SharedFiles/KTMainThread.h"
 #include "SharedFiles/KTTaskNotification.h"
+#include "SharedFiles/KTTransferPlan.h"
 #include "app/core/AppController.h"
 #include "catalogue/KTPluginLocations.h"
 #include "operations/KTFileMover.h"
@@ -20,6 +21,13 @@ bool hasInterface(const AppController* app) {
 
 FolderCreation createFolder(const std::string& folder, std::string_view failureFormat) {
     if (exists(folder)) return FolderCreation::Existed;
+    if (KTTransferPlan* plan = KTTransferPlan::active()) {
+        if (plan->makeFolder(folder)) return FolderCreation::Created;
+        // Only rights would make it, and a dry run asks for none.
+        KTLog::appendLog(failureFormat, folder, "Permission denied");
+        KTTransferPlan::noteSkip(folder, "needs administrator rights to create the folder");
+        return FolderCreation::Refused;
+    }
     std::error_code ec;
     std::filesystem::create_directories(folder, ec);
     if (!ec) return FolderCreation::Created;
@@ -63,8 +71,7 @@ void tell(const AppController* app, const std::string& message, const std::strin
 }
 
 bool exists(const std::string& path) {
-    struct stat st {};
-    return !path.empty() && ::lstat(path.c_str(), &st) == 0;
+    return KTTransferPlan::existsNow(path);
 }
 
 bool isDirectory(const std::string& path) {
@@ -73,11 +80,17 @@ bool isDirectory(const std::string& path) {
 }
 
 bool isWritable(const std::string& path) {
+    // A folder a dry run only pretends to have made belongs to the user.
+    if (KTTransferPlan* plan = KTTransferPlan::active(); plan && ::access(path.c_str(), F_OK) != 0)
+        return plan->canWriteInto(path);
     return ::access(path.c_str(), W_OK) == 0;
 }
 
 bool isDeletable(const std::string& path) {
     const std::string parent = parentOf(path);
+    if (KTTransferPlan* plan = KTTransferPlan::active();
+        plan && ::access(parent.c_str(), F_OK) != 0)
+        return plan->canWriteInto(parent);
     if (::access(parent.c_str(), W_OK | X_OK) != 0) return false;
     // In a sticky folder only the owner (or root) may take an entry away.
     struct stat folder {

@@ -18,6 +18,7 @@
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTTaskNotification.h"
 #include "SharedFiles/KTTransfer.h"
+#include "SharedFiles/KTTransferPlan.h"
 #include "app/core/AppController.h"
 #include "catalogue/KTOutlineView.h"
 #include "catalogue/OutlineViewController.h"
@@ -84,6 +85,7 @@ bool OutlineViewController::moveFilter(const std::shared_ptr<KTPluginItem>& item
     auto body = [&]() -> bool {
         if (item->isLocked()) {
             KTLog::appendLog("Unable to move %@ - plugin is locked", item->shortName());
+            KTTransferPlan::noteSkip(item->actualPath(), "plugin is locked");
             return true;
         }
         item->updateActualPath();
@@ -95,6 +97,7 @@ bool OutlineViewController::moveFilter(const std::shared_ptr<KTPluginItem>& item
             const auto target = KTPluginLocations::enabledPathForDisabledPath(path);
             if (!target) {
                 KTLog::appendLog("Error: plugin is already enabled.");
+                KTTransferPlan::noteSkip(path, "plugin is already enabled");
                 return false;
             }
             if (moveFileFrom(path, *target)) {
@@ -115,6 +118,7 @@ bool OutlineViewController::moveFilter(const std::shared_ptr<KTPluginItem>& item
         if (!exists(path)) return false;
         if (KTPluginLocations::isDisabledPath(path)) {
             KTLog::appendLog("Error: plugin is already disabled.");
+            KTTransferPlan::noteSkip(path, "plugin is already disabled");
             return false;
         }
         const std::string target = KTPluginLocations::disabledPathForPath(path);
@@ -183,6 +187,7 @@ bool OutlineViewController::moveFileFrom(const std::string& oldPath, const std::
     if (exists(newPath)) {
         postAndLog("Unable to move %@ to %@ - %@", oldPath, newPath,
                    KTFormat::str("%@ already exists", newPath));
+        KTTransferPlan::noteSkip(oldPath, KTFormat::str("destination %@ exists", newPath));
         return false;
     }
 
@@ -206,6 +211,7 @@ bool OutlineViewController::moveFileFrom(const std::string& oldPath, const std::
         if (!auth->isAuthorized() && !auth->canAuthorize()) {
             // Nobody to ask (the command line): this plug-in stays, the batch goes on.
             KTLog::appendLogAndPrint("Left %@ where it is - %@", oldPath, error);
+            KTTransferPlan::noteSkip(oldPath, "needs administrator rights");
             return false;
         }
         switch (transfer.authMoveItem(oldPath, newPath, &error)) {
@@ -245,6 +251,7 @@ void OutlineViewController::cleanupPluginPath(const std::string& oldDisabledPath
 
 bool OutlineViewController::removeEmptyFolder(const std::string& folder,
                                               bool includeEmptySubfolders) {
+    if (KTTransferPlan::active()) return false;  // a dry run leaves every folder
     KTLog::appendLog("Removing empty folder %@...", folder);
     if (!exists(folder)) return true;
     if (!isDirectory(folder)) return false;
@@ -305,6 +312,7 @@ bool OutlineViewController::removeEmptyFolder(const std::string& folder,
 }
 
 void OutlineViewController::unlockItemsInPath(const std::string& path) {
+    if (KTTransferPlan::active()) return;  // a dry run changes no flag
     KTMoveBatch* batch = KTMoveBatch::current();
     std::string prefix;
     for (const auto& component : pathComponents(path)) {

@@ -5,6 +5,7 @@
 #include "SharedFiles/KTFileManager.h"
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTTaskNotification.h"
+#include "SharedFiles/KTTransferPlan.h"
 #include "app/core/AppController.h"
 #include "catalogue/KTOutlineView.h"
 #include "catalogue/OutlineViewController.h"
@@ -38,6 +39,7 @@ bool OutlineViewController::removePlugin(const std::shared_ptr<KTPluginItem>& it
     if (item->isLocked()) {
         // Skipped like every other operation skips it; it stays in the tree.
         KTLog::appendLog("Unable to move %@ - plugin is locked", item->shortName());
+        KTTransferPlan::noteSkip(item->actualPath(), "plugin is locked");
         return true;
     }
     // Where the file was last seen: its computed place when it is there, and

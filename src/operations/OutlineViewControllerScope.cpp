@@ -2,6 +2,7 @@
 // machine-wide ones, for one plug-in or a whole group.
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTTaskNotification.h"
+#include "SharedFiles/KTTransferPlan.h"
 #include "app/core/AppController.h"
 #include "catalogue/KTOutlineView.h"
 #include "catalogue/OutlineViewController.h"
@@ -35,6 +36,7 @@ void OutlineViewController::setAccess(std::int64_t mode, const KTItemPtr& item, 
     if (!item) return;
     if (!item->isGroup()) {
         const auto& plugin = static_cast<const KTPluginItem&>(*item);
+        if (plugin.isLocked()) KTTransferPlan::noteSkip(plugin.actualPath(), "plugin is locked");
         if (hasFixedScope(plugin) || plugin.isLocked()) return;
     }
     KTSetAccessArgs args{mode, item, showProgress};

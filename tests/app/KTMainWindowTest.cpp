@@ -862,3 +862,33 @@ TEST_F(MainWindowTest, KeyboardScreenReadersAndAStillToolbar) {
     EXPECT_EQ(place(window->filterPopup()), filterAt);
     EXPECT_EQ(place(window->searchField()), searchAt);
 }
+
+TEST_F(MainWindowTest, DuplicatesAreMarkedAndTheirFilterShowsOnlyThem) {
+    makeBundle(scratch.homePath("/Library/Plug-Ins/FxPlug/Glow.fxplug"), "Glow", "1.0");
+    open();
+    // Both copies of Glow carry a mark; the user's is the one in use.
+    QModelIndex machine, user;
+    for (int r = 0; r < model().rowCount(); ++r) {
+        QModelIndex i = model().index(r, 0);
+        if (cell(i, Col::colName) != "Glow") continue;
+        (cell(i, Col::colUser) == "Current user" ? user : machine) = i;
+    }
+    ASSERT_TRUE(machine.isValid() && user.isValid());
+    EXPECT_TRUE(cell(user, Col::colVersion, Qt::ToolTipRole).contains("In use: the current user"));
+    EXPECT_TRUE(
+        cell(machine, Col::colVersion, Qt::ToolTipRole).contains("Not loaded: shadowed by"));
+    EXPECT_FALSE(
+        model().data(machine.siblingAtColumn(Col::colVersion), Qt::DecorationRole).isNull());
+    EXPECT_TRUE(
+        model().data(row("Hum").siblingAtColumn(Col::colVersion), Qt::DecorationRole).isNull());
+
+    QComboBox* filter = window->filterPopup();
+    const int duplicates = filter->findText("Duplicates");
+    ASSERT_GE(duplicates, 0);
+    QSignalSpy shown(window.get(), &KTMainWindow::catalogueShown);
+    filter->setCurrentIndex(duplicates);
+    emit filter->activated(duplicates);
+    ASSERT_TRUE(shown.wait(20000));
+    window->waitForBackgroundWork();
+    EXPECT_EQ(topNames(), (QStringList{"Glow", "Glow"}));
+}

@@ -14,6 +14,7 @@
 #include "SharedFiles/KTFileTree.h"
 #include "SharedFiles/KTLocalPaths.h"
 #include "SharedFiles/KTTransfer.h"
+#include "SharedFiles/KTTransferPlan.h"
 
 namespace fs = std::filesystem;
 
@@ -62,6 +63,9 @@ std::string deletionDate() {
 /// A private folder of the owner's, made when missing; a link or someone
 /// else's folder is never used.
 bool ownFolder(const std::string& path, const TrashOwner& owner, std::string* error) {
+    if (KTTransferPlan* plan = KTTransferPlan::active()) {
+        if (!KTFileTree::existsNoFollow(path)) return plan->makeFolder(path);
+    }
     struct stat st {};
     if (::lstat(path.c_str(), &st) != 0) {
         if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
@@ -82,6 +86,7 @@ bool ownFolder(const std::string& path, const TrashOwner& owner, std::string* er
 bool homeFolder(const std::string& path, const TrashOwner& owner, std::string* error) {
     std::error_code ec;
     if (fs::is_directory(path, ec)) return true;
+    if (KTTransferPlan* plan = KTTransferPlan::active()) return plan->makeFolder(path);
     std::vector<std::string> missing;
     for (fs::path p = path; !p.empty() && !fs::exists(p, ec); p = p.parent_path())
         missing.push_back(p.string());
@@ -235,6 +240,20 @@ bool KTFreedesktopTrash::trash(const std::string& input, std::string* trashedPat
     const std::string recorded =
         topdir.empty() ? path : path.substr(topdir == "/" ? 1 : topdir.size() + 1);
     std::string name, infoPath;
+    if (KTTransferPlan* plan = KTTransferPlan::active()) {
+        // The same name choice, without reserving it on disk.
+        for (int n = 1; n <= 10000; ++n) {
+            name = candidateName(base, n);
+            if (plan->exists(info + "/" + name + ".trashinfo") || plan->exists(files + "/" + name))
+                continue;
+            const std::string destination = files + "/" + name;
+            if (!plan->move(path, destination, withRights, error)) return false;
+            if (trashedPath) *trashedPath = destination;
+            return true;
+        }
+        *error = "No free name in the Trash for " + base;
+        return false;
+    }
     for (int n = 1;; ++n) {
         if (n > 10000) {
             *error = "No free name in the Trash for " + base;

@@ -8,18 +8,22 @@
 #include "SharedFiles/KTLog.h"
 #include "app/core/AppController.h"
 #include "app/core/KTCrashTestCommand.h"
+#include "catalogue/KTCatalogueExport.h"
+#include "catalogue/KTDuplicateFinder.h"
 #include "catalogue/KTItemArchive.h"
 #include "catalogue/KTPluginLocations.h"
 #include "catalogue/OutlineViewController.h"
 #include "diagnostics/KTDiagnosticsVerbs.h"
 #include "installer/KTInstallerCommands.h"
 #include "installer/KTNotarizeCommand.h"
+#include "operations/KTDryRun.h"
 #include "operations/KTMoveBatch.h"
 
 namespace {
-const char* const kVerbs[] = {"-install", "-enable", "-disable", "-remove", "-setaccess",
-                              "-allplugins", "-createinstaller", "-setappleid", "-crashtest",
-                              "-notarize", "-auval", "-gatherlogs"};
+const char* const kVerbs[] = {"-install",    "-enable",          "-disable",    "-remove",
+                              "-setaccess", "-allplugins",      "-duplicates", "-createinstaller",
+                              "-setappleid", "-crashtest",      "-notarize",   "-auval",
+                              "-gatherlogs"};
 
 void writeAll(const std::string& bytes) {
     std::size_t done = 0;
@@ -44,9 +48,12 @@ std::string KTCommandLine::versionText() { return std::string("ambrel ") + AMBRE
 std::string KTCommandLine::usage() {
     return "usage: ambrel                          open the window\n"
            "       ambrel --help | --version       this text, or the version\n"
-           "       ambrel -allplugins [-data|-plist]\n"
+           "       ambrel -allplugins [-data|-plist|-json|-csv]\n"
            "                                       list every plug-in path, enabled first;\n"
-           "                                       -data writes the catalogue as a keyed archive\n"
+           "                                       -data writes the catalogue as a keyed archive,\n"
+           "                                       -json and -csv every plug-in with its details\n"
+           "       ambrel -duplicates              plug-ins found more than once, grouped, with\n"
+           "                                       the copy hosts load and why\n"
            "       ambrel -enable [name]           enable the plug-ins named name (a file name,\n"
            "                                       or any path ending in it); without a name,\n"
            "                                       every disabled plug-in\n"
@@ -61,12 +68,16 @@ std::string KTCommandLine::usage() {
            "       ambrel -auval                   validate every Audio Unit: title, manufacturer\n"
            "                                       and status per line; exit 0 all OK, 1 not, 2 none\n"
            "       ambrel -gatherlogs              zip the logs, crash reports and preferences\n"
-           "                                       onto the desktop\n" +
+           "                                       onto the desktop\n"
+           "       -dryrun after -enable, -disable, -remove, -setaccess or -install:\n"
+           "                                       print what would move where, change nothing\n" +
            KTInstallerCommands::usage() + KTCrashTestCommand::usage() +
            KTNotarizeCommand::usage();
 }
 
-int KTCommandLine::run(const std::vector<std::string>& args) {
+int KTCommandLine::run(const std::vector<std::string>& arguments) {
+    std::vector<std::string> args = arguments;
+    const std::unique_ptr<KTTransferPlan> plan = KTDryRun::begin(args);
     std::unique_ptr<AppController> app;
     try {
         app = AppController::initWithoutGUI();
@@ -92,6 +103,8 @@ int KTCommandLine::run(const std::vector<std::string>& args) {
     if (verb == "-install") status = install(*app, args);
     if (verb == "-createinstaller") status = KTInstallerCommands::createInstaller(*app, args);
     if (verb == "-crashtest") status = KTCrashTestCommand::run(*app, args);
+    if (verb == "-duplicates") status = duplicates(*app);
+    if (plan) writeAll(KTDryRun::report(*plan));
     // Everything the verb logged is on disk before the process ends.
     KTLog::finishWriting();
     return status;
@@ -100,6 +113,14 @@ int KTCommandLine::run(const std::vector<std::string>& args) {
 int KTCommandLine::allPlugins(AppController& app, const std::vector<std::string>& args) {
     const std::string mode = args.size() > 1 ? args[1] : "";
     if (mode == "-plist") return 0;  // loads the catalogue and writes nothing
+    if (mode == "-json" || mode == "-csv") {
+        auto entries = KTCatalogueEntry::collect(app);
+        KTDuplicateFinder::find(entries);  // marks the shadowed copies
+        writeAll(KTCatalogueExport::text(entries, mode == "-json"
+                                                      ? KTCatalogueExport::Format::JSON
+                                                      : KTCatalogueExport::Format::CSV));
+        return 0;
+    }
     if (mode == "-data") {
         writeAll(KTItemArchive::archivedDataWithRootObject(app.outlineViewController().dataArray()));
         std::fflush(stdout);
@@ -160,6 +181,12 @@ int KTCommandLine::setAccess(AppController& app, const std::vector<std::string>&
         if (name && *name != lastComponent(path)) continue;
         if (auto item = outline.pluginFromPath(path)) outline.setAccess(scope, item, false, false);
     }
+    return 0;
+}
+
+int KTCommandLine::duplicates(AppController& app) {
+    auto entries = KTCatalogueEntry::collect(app);
+    writeAll(KTDuplicateFinder::describe(entries, KTDuplicateFinder::find(entries)));
     return 0;
 }
 

@@ -32,6 +32,8 @@ private:
     static int pluginVerb(AppController& app, const std::vector<std::string>& args);
     /// "-setaccess scope [name]".
     static int setAccess(AppController& app, const std::vector<std::string>& args);
+    /// "-duplicates": the products found more than once.
+    static int duplicates(AppController& app);
     /// "-install [-all] path": one path, for the current user unless "-all".
     static int install(AppController& app, const std::vector<std::string>& args);
 };

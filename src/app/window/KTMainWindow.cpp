@@ -35,6 +35,8 @@
 #include "app/core/AppController.h"
 #include "app/window/KTCrashTestDialog.h"
 #include "app/window/KTDiskImageNotarizer.h"
+#include "app/window/KTDuplicateMarks.h"
+#include "app/window/KTExportPanel.h"
 #include "app/window/KTInstallerWindow.h"
 #include "app/window/KTDiagnosticsMenu.h"
 #include "app/window/KTOutlineModel.h"
@@ -71,6 +73,7 @@ struct FilterEntry {
 const FilterEntry kFilters[] = {
     {"All Plugins", 0}, {"Final Cut Pro", 1}, {"Motion", 2},        {"Avid", 3},
     {"Adobe & VST", 4}, {"OpenFX", 5},        {"Video Plugins", 7}, {"Audio Plugins", 8},
+    {"Duplicates", KTDuplicateMarks::kFilterValue},
 };
 
 bool anyLabel(const std::vector<std::string>& labels,
@@ -288,6 +291,7 @@ void KTMainWindow::buildMenus() {
                     [this] { KTInstallerWindow::showInstallerWindow(this, selectedItems()); });
     file->addAction(QStringLiteral("Notarize Disk Image..."), this,
                     [this] { KTDiskImageNotarizer::notarizeDiskImage(this); });
+    file->addAction(QStringLiteral("Export..."), this, [this] { KTExportPanel::run(this, app_); });
     file->addSeparator();
     file->addAction(printAction_);
     file->addSeparator();
@@ -523,8 +527,14 @@ void KTMainWindow::catalogueReloadFinished() {
     const unsigned generation = ++reloadGeneration_;
     app_.batchThreads().start([this, generation] {
         controller_.waitForBundleInspection();
-        onMain([this, generation] {
+        auto duplicates = [this] {
+            std::lock_guard<std::recursive_mutex> l(controller_.treeLock());
+            return KTDuplicateMarks::compute(app_);
+        }();
+        onMain([this, generation, &duplicates] {
             if (reloading_ || generation != reloadGeneration_) return;
+            model_->setDuplicateMarks(std::move(duplicates), filter_->currentData().toInt() ==
+                                                                 KTDuplicateMarks::kFilterValue);
             applySortingForOutlineView();
             model_->rebuild();
             tree_->viewport()->update();

@@ -73,12 +73,14 @@ std::unique_ptr<KTOutlineModel::Node> KTOutlineModel::buildTree() const {
     std::function<void(Node*, const KTItemList&)> fill = [&](Node* node, const KTItemList& list) {
         for (const auto& item : list) {
             if (!item) continue;
+            if (duplicatesOnly_ && !item->isGroup() && !duplicates_.count(item.get())) continue;
             auto child = std::make_unique<Node>();
             child->item = item;
             child->parent = node;
             child->row = static_cast<int>(node->children.size());
             if (item->isGroup())
                 fill(child.get(), static_cast<const KTGroupItem&>(*item).children());
+            if (duplicatesOnly_ && item->isGroup() && child->children.empty()) continue;
             node->children.push_back(std::move(child));
         }
     };
@@ -101,6 +103,7 @@ void KTOutlineModel::clear() {
     root_ = std::make_unique<Node>();
     nodes_.clear();
     shownPlugins_ = 0;
+    duplicates_.clear();  // the items they name are about to go
     endResetModel();
 }
 
@@ -301,6 +304,17 @@ QIcon KTOutlineModel::iconForItem(const KTItem& item) const {
     return icon;
 }
 
+void KTOutlineModel::setDuplicateMarks(std::unordered_map<const KTItem*, DuplicateMark> marks,
+                                       bool duplicatesOnly) {
+    duplicates_ = std::move(marks);
+    duplicatesOnly_ = duplicatesOnly;
+}
+
+const KTOutlineModel::DuplicateMark* KTOutlineModel::duplicateMark(const KTItem* item) const {
+    auto it = duplicates_.find(item);
+    return it == duplicates_.end() ? nullptr : &it->second;
+}
+
 QVariant KTOutlineModel::data(const QModelIndex& index, int role) const {
     if (!index.isValid()) return {};
     const KTItemPtr& item = nodeFor(index)->item;
@@ -364,6 +378,12 @@ QVariant KTOutlineModel::data(const QModelIndex& index, int role) const {
             if (column == colUser) return checkState(plugin.pluginAccess() == 1 ? 1 : 0);
             return {};
         case Qt::DecorationRole:
+            if (column == colVersion) {
+                if (const DuplicateMark* mark = duplicateMark(&plugin))
+                    return QApplication::style()->standardIcon(
+                        mark->inUse ? QStyle::SP_MessageBoxInformation
+                                    : QStyle::SP_MessageBoxWarning);
+            }
             return column == colName ? QVariant(iconForItem(plugin)) : QVariant();
         case Qt::ForegroundRole:
             // Disabled plug-ins recede, so the enabled ones stand out at a glance.
@@ -383,6 +403,8 @@ QVariant KTOutlineModel::data(const QModelIndex& index, int role) const {
                                                   : QStringLiteral("Installed for all users");
             return data(index, Qt::DisplayRole);
         case Qt::ToolTipRole: {
+            if (const DuplicateMark* mark = duplicateMark(&plugin); mark && column == colVersion)
+                return mark->tip;
             static const QString locked = QStringLiteral(
                 "Locked: managed by another installer, so it cannot be enabled, disabled or "
                 "moved here");

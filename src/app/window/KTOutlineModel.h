@@ -74,6 +74,17 @@ class KTOutlineModel : public QAbstractItemModel {
     bool statusEditable = false;
     bool scopeEditable = false;
 
+    /// The plug-ins found more than once: a mark and a tooltip in the version
+    /// column (why a copy is, or is not, the one hosts load); with
+    /// `duplicatesOnly` the outline shows only those rows.
+    struct DuplicateMark {
+        bool inUse = false;
+        QString tip;
+    };
+    void setDuplicateMarks(std::unordered_map<const KTItem*, DuplicateMark> marks,
+                           bool duplicatesOnly);
+    const DuplicateMark* duplicateMark(const KTItem* item) const;
+
     /// True when a dropped path may be installed: a folder, a known extension
     /// or the Final Cut type code.
     static bool isInstallablePath(const std::string& path);
@@ -112,4 +123,6 @@ class KTOutlineModel : public QAbstractItemModel {
     bool reloading_ = false;
     long shownPlugins_ = 0;
     mutable std::unordered_map<std::string, QIcon> icons_;
+    std::unordered_map<const KTItem*, DuplicateMark> duplicates_;
+    bool duplicatesOnly_ = false;
 };
