@@ -169,6 +169,14 @@ void KTLog::closeFile() {
     fd_ = -1;
 }
 
+namespace {
+std::atomic<bool> gAppendToCurrentLog{false};
+}  // namespace
+
+void KTLog::setAppendToCurrentLog(bool append) {
+    gAppendToCurrentLog = append;
+}
+
 void KTLog::createNewLog(const std::optional<std::string>& name, bool noPrinting) {
     KTLog* log = sharedController();
     log->noPrinting_ = noPrinting;
@@ -232,7 +240,8 @@ void KTLog::createNewLog(const std::optional<std::string>& name, bool noPrinting
     // fresh system may not have yet.
     if (isSuperuser()) fs::create_directories(fs::path(current).parent_path(), ec);
 
-    if (fs::exists(current, ec)) {
+    const bool continueCurrent = gAppendToCurrentLog && fs::exists(current, ec);
+    if (!continueCurrent && fs::exists(current, ec)) {
         auto numbered = [&](long n) {
             return folder + "/" + app + "." + std::to_string(n) + ".log";
         };
@@ -249,7 +258,7 @@ void KTLog::createNewLog(const std::optional<std::string>& name, bool noPrinting
     }
 
     std::string error;
-    if (!KTPlist::writeFileAtomically(current, "", &error)) {
+    if (!continueCurrent && !KTPlist::writeFileAtomically(current, "", &error)) {
         if (!noPrinting) printOut("Unable to create log file " + current + " - " + error + "\n");
         return;
     }

@@ -60,6 +60,10 @@ class KTLog {
     static void installTerminateHandler();
 
     static std::string escapeTextForLogging(std::string_view text);
+    /// From now on `createNewLog` continues the current file, when there is
+    /// one, instead of rotating the numbered files: a dry run changes nothing
+    /// on disk but its own log lines.
+    static void setAppendToCurrentLog(bool append);
     static void finishWriting();
     static std::vector<std::string> availableLogs();
     static void willTerminate();

@@ -16,6 +16,9 @@ std::unique_ptr<KTTransferPlan> KTDryRun::begin(std::vector<std::string>& args) 
     // Taken out before the verb reads its arguments, so "-disable -dryrun
     // Glow.fxplug" names the same plug-in as "-disable Glow.fxplug".
     args.erase(std::remove(args.begin() + 1, args.end(), "-dryrun"), args.end());
+    // The log is the one file a dry run writes: it goes on at the end of the
+    // current one instead of rotating the older logs along.
+    KTLog::setAppendToCurrentLog(true);
     return std::make_unique<KTTransferPlan>();
 }
 

@@ -106,6 +106,16 @@ std::vector<Step> planned(const std::string& out) {
     return steps;
 }
 
+/// The names of the files in the user's log folder.
+std::set<std::string> logFiles(const ScratchRoot& s) {
+    std::set<std::string> names;
+    std::error_code ec;
+    for (const auto& e :
+         std::filesystem::directory_iterator(s.homePath("/Library/Logs/Quellbrook"), ec))
+        names.insert(e.path().filename().string());
+    return names;
+}
+
 bool under(const std::string& path, const std::string& folder) {
     return path == folder || path.rfind(folder + "/", 0) == 0;
 }
@@ -117,10 +127,14 @@ std::string dryThenReal(const ScratchRoot& s, std::vector<std::string> args,
     // The log folders (the one thing any run writes) exist before the snapshot.
     ambrel({"-allplugins", "-plist"});
     const auto before = snapshot(s.base());
+    const auto logsBefore = logFiles(s);
     std::vector<std::string> dry = args;
     dry.insert(dry.begin() + static_cast<long>(dryrunAt), "-dryrun");
     const ChildProcess d = ambrel(dry);
     EXPECT_EQ(d.exitCode, 0) << d.err;
+    // The dry run's lines go on at the end of the current log: no older log is
+    // rotated along.
+    EXPECT_EQ(logFiles(s), logsBefore);
     EXPECT_NE(d.out.find("Dry run: nothing was changed."), std::string::npos) << d.out;
     const auto afterDry = snapshot(s.base());
     EXPECT_EQ(afterDry, before) << "the dry run of " << args[0] << " changed the disk";
