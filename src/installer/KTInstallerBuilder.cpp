@@ -9,8 +9,8 @@
 #include "SharedFiles/KTKeychain.h"
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTPlist.h"
+#include "SharedFiles/KTTransfer.h"
 #include "installer/KTInstallerSigning.h"
-#include "operations/KTInstallCopier.h"
 #include "operations/KTOperationSupport.h"
 
 namespace fs = std::filesystem;
@@ -75,7 +75,7 @@ KTInstallerBuilder::Outcome KTInstallerBuilder::build(const KTInstallerRequest& 
     std::string error;
     KTOperationSupport::createFolder(KTOperationSupport::parentOf(bundle),
                                      "Unable to create directory %@ - %@");
-    if (!KTInstallCopier::shared().copyItem(templatePath, bundle, &error)) {
+    if (!KTTransfer::shared().copyItem(templatePath, bundle, &error)) {
         KTLog::appendLog("Unable to copy %@ to %@ - %@", templatePath, bundle, error);
         fail("Failed to copy files.");
         return Outcome::Failed;
@@ -150,7 +150,7 @@ KTInstallerBuilder::Outcome KTInstallerBuilder::build(const KTInstallerRequest& 
 bool KTInstallerBuilder::copyInto(const std::string& source, const std::string& destination,
                                   const std::string& failure) {
     std::string error;
-    if (KTInstallCopier::shared().copyItem(source, destination, &error)) return true;
+    if (KTTransfer::shared().copyItem(source, destination, &error)) return true;
     KTLog::appendLog("Unable to copy %@ to %@ - %@", source, destination, error);
     fail(failure);
     return false;
@@ -172,7 +172,7 @@ bool KTInstallerBuilder::layOutPlugins(const KTInstallerRequest& request,
         KTOperationSupport::createFolder(folder, "Unable to create directory %@ - %@");
         std::string error;
         // A plug-in that cannot be copied is left out; the log says which.
-        if (!KTInstallCopier::shared().copyItem(
+        if (!KTTransfer::shared().copyItem(
                 file, folder + "/" + KTOperationSupport::lastComponent(file), &error))
             KTLog::appendLog("Unable to copy %@ into the installer - %@", file, error);
     }

@@ -8,8 +8,8 @@
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTPlist.h"
 #include "SharedFiles/KTTaskEx.h"
+#include "SharedFiles/KTTransfer.h"
 #include "installer/KTInstallerSettings.h"
-#include "operations/KTInstallCopier.h"
 #include "operations/KTInstallRecognizer.h"
 #include "operations/KTOperationSupport.h"
 
@@ -117,10 +117,10 @@ bool KTInstallerRunner::place(const Placement& p, std::string* why) {
             return false;
         }
     }
-    KTInstallCopier& copier = KTInstallCopier::shared();
+    KTTransfer& copier = KTTransfer::shared();
     if (copier.copyItem(p.source, p.destination, why)) return true;
     KTLog::appendLog("Unable to copy file %@ to %@. Authorizing...", p.source, p.destination);
-    return copier.authCopyItem(p.source, p.destination, why);
+    return copier.authCopyItem(p.source, p.destination, why) == KTTransfer::Outcome::Done;
 }
 
 KTInstallerRunner::Report KTInstallerRunner::install(

@@ -24,9 +24,9 @@
 #include "KTHelperWorld.h"
 #include "SharedFiles/KTAuthorization.h"
 #include "SharedFiles/KTTaskEx.h"
+#include "SharedFiles/KTTransfer.h"
 #include "SharedFiles/linux/KTPrivilegedHelper.h"
 #include "SharedFiles/linux/KTTaskProcess.h"
-#include "operations/KTInstallCopier.h"
 #include "support/ScratchRoot.h"
 
 namespace fs = std::filesystem;
@@ -527,8 +527,8 @@ TEST(KTHelperAttackChild, DISABLED_Operations) {
 
     // A privileged install, through the transfer's own names.
     std::string error;
-    EXPECT_TRUE(
-        KTInstallCopier::shared().authCopyItem(l.userVst + "/New.vst", l.vst + "/New.vst", &error))
+    EXPECT_EQ(KTTransfer::shared().authCopyItem(l.userVst + "/New.vst", l.vst + "/New.vst", &error),
+              KTTransfer::Outcome::Done)
         << error;
     EXPECT_EQ(ScratchRoot::readFile(l.vst + "/New.vst"), "new");
     const std::string work = l.vst + "/.ambrel-work.1.1.copy";
