@@ -348,11 +348,16 @@ void KTLog::appendTextToLog(const std::string& raw) {
         appendLogOnThread(text);
         return;
     }
+    bool idle;
     {
         std::lock_guard<std::mutex> l(queueLock_);
+        // A writer that is writing, or already woken for an earlier entry,
+        // looks at the queue again before it sleeps: a wake-up per line cost
+        // a system call per line for nothing.
+        idle = queue_.empty() && !writing_;
         queue_.push_back(std::move(text));
     }
-    queueChanged_.notify_one();
+    if (idle) queueChanged_.notify_one();
 }
 
 void KTLog::writerLoop() {

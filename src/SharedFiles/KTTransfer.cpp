@@ -21,6 +21,7 @@
 #include "SharedFiles/KTFormat.h"
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTTransferPlan.h"
+#include "operations/KTMoveBatch.h"
 
 namespace fs = std::filesystem;
 
@@ -466,9 +467,17 @@ KTTransfer::Outcome KTTransfer::authCopyItem(const std::string& sourcePath, cons
 
 void KTTransfer::recoverFolder(const std::string& folder, bool again) {
     if (KTTransferPlan::active()) return;  // a dry run leaves even leftovers as they are
-    {
+    // A batch settles each folder it touches once, before its first move
+    // there, and again after a failed move (the batch then forgets); without
+    // one, once per process. Listing a folder of thousands of plug-ins before
+    // each of its moves would make a batch quadratic.
+    KTMoveBatch* batch = again ? nullptr : KTMoveBatch::current();
+    struct stat st {};
+    if (batch && ::stat(folder.c_str(), &st) == 0) {
+        if (!batch->noteSettled(st.st_dev, st.st_ino)) return;
+    } else if (!again) {
         std::lock_guard<std::mutex> l(lock_);
-        if (!again && !recovered_.insert(folder).second) return;
+        if (!recovered_.insert(folder).second) return;
     }
     std::map<std::string, pid_t> tokens;
     for (const auto& name : KTFileTree::entriesOf(folder)) {

@@ -59,7 +59,8 @@ class KTTransfer {
                          std::string* error = nullptr);
 
     /// Finishes or rolls back what dead transfers left in `folder`; each
-    /// folder is looked at once per process unless `again`.
+    /// folder is looked at once per batch of moves (KTMoveBatch), once per
+    /// process outside any batch, and every time when `again`.
     void recoverFolder(const std::string& folder, bool again = false);
 
     /// True for a name (last component) the transfer works under.

@@ -9,8 +9,8 @@
 #include "SharedFiles/KTKeychain.h"
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTPlist.h"
-#include "installer/KTInstallerSigning.h"
 #include "SharedFiles/KTTransfer.h"
+#include "installer/KTInstallerSigning.h"
 #include "operations/KTOperationSupport.h"
 
 namespace fs = std::filesystem;

@@ -8,8 +8,8 @@
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTPlist.h"
 #include "SharedFiles/KTTaskEx.h"
-#include "installer/KTInstallerSettings.h"
 #include "SharedFiles/KTTransfer.h"
+#include "installer/KTInstallerSettings.h"
 #include "operations/KTInstallRecognizer.h"
 #include "operations/KTOperationSupport.h"
 

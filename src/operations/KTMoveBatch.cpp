@@ -22,8 +22,13 @@ KTMoveBatch* KTMoveBatch::current() {
 void KTMoveBatch::forgetCurrent() {
     if (!gCurrent) return;
     gCurrent->unlocked_.clear();
+    gCurrent->settled_.clear();
     gCurrent->into_.clear();
     gCurrent->from_.clear();
+}
+
+bool KTMoveBatch::noteSettled(dev_t device, ino_t inode) {
+    return settled_.insert({device, inode}).second;
 }
 
 bool KTMoveBatch::isKnownUnlocked(dev_t device, ino_t inode) const {

@@ -29,6 +29,10 @@ class KTMoveBatch {
     /// Forgets what the running batch knows (nothing without one).
     static void forgetCurrent();
 
+    /// Records that the transfer settles what killed runs left in the folder;
+    /// false when this batch has settled it already.
+    bool noteSettled(dev_t device, ino_t inode);
+
     bool isKnownUnlocked(dev_t device, ino_t inode) const;
     void noteUnlocked(dev_t device, ino_t inode);
 
@@ -42,7 +46,7 @@ class KTMoveBatch {
 
   private:
     using Key = std::pair<dev_t, ino_t>;
-    std::set<Key> unlocked_;
+    std::set<Key> unlocked_, settled_;
     std::map<Key, bool> into_, from_;
     bool owner_ = false;
 };

@@ -261,10 +261,24 @@ bool OutlineViewController::removeEmptyFolder(const std::string& folder,
         if (withoutTrailingSlash(kindFolder) == bare) return false;
     }
 
+    if (!includeEmptySubfolders) {
+        // The mirrored kind folder can hold thousands of disabled plug-ins and
+        // is asked after each enable: rmdir answers "not empty" without a
+        // listing. Only a .DS_Store in the way, or a refusal, needs the long way.
+        if (::rmdir(folder.c_str()) == 0) {
+            KTLog::appendLog("Beginning removal of empty folder %@...", folder);
+            return true;
+        }
+        const int err = errno;
+        if (err == ENOENT) return true;
+        if ((err == ENOTEMPTY || err == EEXIST) &&
+            !exists(KTPluginLocations::appendPathComponent(folder, ".DS_Store")))
+            return false;
+    }
+
     std::error_code ec;
     std::vector<fs::directory_entry> entries;
-    // Without recursion two entries already decide: the mirrored kind folder
-    // can hold thousands of disabled plug-ins, and is asked after each enable.
+    // Without recursion two entries already decide.
     const std::size_t enough = includeEmptySubfolders ? SIZE_MAX : 2;
     for (fs::directory_iterator it(folder, ec), end; !ec && it != end && entries.size() < enough;
          it.increment(ec))

@@ -24,9 +24,9 @@
 #include "KTHelperWorld.h"
 #include "SharedFiles/KTAuthorization.h"
 #include "SharedFiles/KTTaskEx.h"
+#include "SharedFiles/KTTransfer.h"
 #include "SharedFiles/linux/KTPrivilegedHelper.h"
 #include "SharedFiles/linux/KTTaskProcess.h"
-#include "SharedFiles/KTTransfer.h"
 #include "support/ScratchRoot.h"
 
 namespace fs = std::filesystem;

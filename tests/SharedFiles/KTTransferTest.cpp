@@ -14,6 +14,7 @@
 
 #include "SharedFiles/KTFileTree.h"
 #include "SharedFiles/KTLog.h"
+#include "operations/KTMoveBatch.h"
 #include "support/ScratchRoot.h"
 
 namespace fs = std::filesystem;
@@ -243,6 +244,43 @@ TEST_F(KTTransferTest, AnotherRunningProcessesWorkIsLeftAlone) {
     t.recoverFolder(here());
     EXPECT_TRUE(exists(live));
     EXPECT_FALSE(exists(dead));
+}
+
+TEST_F(KTTransferTest, EachBatchSettlesAFolderBeforeItsFirstMoveThereAndAfterAFailure) {
+    // A window lives long: a run killed after its first batch leaves work
+    // that the next batch, not the next process, must find.
+    ScratchRoot::makeDirs(s.base() + "/to");
+    const std::string to = s.base() + "/to";
+    auto leftover = [&](int n) {
+        const std::string dead = here() + "/.ambrel-work.999999999." + std::to_string(n) + ".copy";
+        ScratchRoot::writeFile(dead + "/Contents/x", "x");
+        return dead;
+    };
+    KTTransfer t;
+    for (const char* name : {"A.fxplug", "B.fxplug", "C.fxplug", "D.fxplug"})
+        ScratchRoot::writeFile(here() + "/" + name + "/Contents/x", name);
+    {
+        KTMoveBatch batch;
+        const std::string first = leftover(1);
+        ASSERT_TRUE(t.moveItem(here() + "/A.fxplug", to + "/A.fxplug"));
+        EXPECT_FALSE(exists(first));
+        // Settled once: what appears later in the same batch waits...
+        const std::string later = leftover(2);
+        ASSERT_TRUE(t.moveItem(here() + "/B.fxplug", to + "/B.fxplug"));
+        EXPECT_TRUE(exists(later));
+        // ...until a move fails: the mover then makes the batch forget.
+        KTMoveBatch::forgetCurrent();
+        ASSERT_TRUE(t.moveItem(here() + "/C.fxplug", to + "/C.fxplug"));
+        EXPECT_FALSE(exists(later));
+    }
+    const std::string between = leftover(3);
+    {
+        KTMoveBatch batch;
+        ASSERT_TRUE(t.moveItem(here() + "/D.fxplug", to + "/D.fxplug"));
+        EXPECT_FALSE(exists(between));
+    }
+    EXPECT_TRUE(workEntries(here()).empty());
+    EXPECT_EQ(ScratchRoot::readFile(to + "/D.fxplug/Contents/x"), "D.fxplug");
 }
 
 TEST_F(KTTransferTest, InstallingALinkCopiesWhatItNamesAndRefusesALinkToNothing) {
