@@ -15,6 +15,7 @@
 #include "SharedFiles/KTPlist.h"
 #include "SharedFiles/KTPreferences.h"
 #include "SharedFiles/KTTaskEx.h"
+#include "SharedFiles/KTTransferPlan.h"
 #include "SharedFiles/KTWorkspace.h"
 #include "SharedFiles/linux/KTCrashReporter.h"
 
@@ -92,6 +93,8 @@ std::vector<std::string> KTBugReporter::crashReportFolders() {
 
 void KTBugReporter::recordMarker(const char* key, const std::optional<std::string>& plistPath,
                                  Clock::time_point when) {
+    // A dry run writes nothing but its log lines.
+    if (KTTransferPlan::active()) return;
     const long long seconds =
         std::chrono::duration_cast<std::chrono::seconds>(when.time_since_epoch()).count();
     KTPlistPtr date(plist_new_date(static_cast<int32_t>(seconds - kPlistEpoch), 0));
