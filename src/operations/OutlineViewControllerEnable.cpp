@@ -51,7 +51,8 @@ class ProgressSpinner {
 bool plainMoveAllowed(const std::string& oldPath, const std::string& folder,
                       const struct stat& folderStat) {
     if (!isWritable(oldPath)) return false;
-    KTMoveBatch* batch = KTMoveBatch::current();
+    // A dry run's folders may exist only in its plan: it asks each time.
+    KTMoveBatch* batch = KTTransferPlan::active() ? nullptr : KTMoveBatch::current();
     struct stat from {};
     if (::stat(parentOf(oldPath).c_str(), &from) != 0) return false;
     std::optional<bool> fromOk =
@@ -178,7 +179,8 @@ bool OutlineViewController::moveFileFrom(const std::string& oldPath, const std::
     }
     // One look at the folder: whether it is there, and which folder it is for the batch's answers.
     struct stat folderStat {};
-    if (::stat(folder.c_str(), &folderStat) != 0) {
+    const bool onlyPlanned = KTTransferPlan::active() && exists(folder);
+    if (::stat(folder.c_str(), &folderStat) != 0 && !onlyPlanned) {
         postAndLog("Error: Unable to create containing folder %@. File %@ was not moved.", folder,
                    oldPath);
         return false;
