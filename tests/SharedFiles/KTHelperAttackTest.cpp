@@ -337,12 +337,18 @@ TEST(KTHelperAttackChild, DISABLED_Links) {
     // On a link itself: the link goes, never what it names.
     EXPECT_EQ(ask(h, {"/bin/rm", "-Rdf", fxplug + "/"}), 0);
     EXPECT_FALSE(exists(fxplug));
-    EXPECT_EQ(ask(h, {"/bin/cp", "-f", "-p", "-R", "-T", mine, l.disabled + "/Shadow.plugin"}), 0);
-    EXPECT_EQ(ScratchRoot::readFile(l.disabled + "/Shadow.plugin"), "mine");
-    // Without -T a link at the destination is not a folder to move into.
+    // A link at the destination is something there: never replaced, never
+    // written through, and without -T not a folder to move into either.
+    const std::string secretBefore = ScratchRoot::readFile(l.secret);
+    EXPECT_EQ(ask(h, {"/bin/cp", "-f", "-p", "-R", "-T", mine, l.disabled + "/Shadow.plugin"}),
+              kFailed);
     ASSERT_EQ(symlink(l.secret.c_str(), (l.disabled + "/Into").c_str()), 0);
-    EXPECT_EQ(ask(h, {"/bin/mv", "-f", mine, l.disabled + "/Into"}), 0);
-    EXPECT_EQ(ScratchRoot::readFile(l.disabled + "/Into"), "mine");
+    EXPECT_EQ(ask(h, {"/bin/mv", "-f", mine, l.disabled + "/Into"}), kFailed);
+    struct stat st {};
+    ASSERT_EQ(lstat((l.disabled + "/Into").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode));
+    EXPECT_EQ(ScratchRoot::readFile(l.secret), secretBefore);
+    EXPECT_EQ(ScratchRoot::readFile(mine), "mine");
 }
 
 TEST(KTHelperAttackChild, DISABLED_Race) {
