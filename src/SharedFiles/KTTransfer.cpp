@@ -496,6 +496,14 @@ void KTTransfer::recoverEntry(const std::string& folder, const std::string& toke
         const std::string path = join(folder, name);
         if (w->kind == "copy") copy = path;
         if (w->kind == "note") note = path;
+        // An original the helper set aside after its copy was in place.
+        if (w->kind == "gone") {
+            std::string why;
+            if (KTFileTree::removeTree(path, &why))
+                KTLog::appendLog("Removed %@, the original of a move that had finished", path);
+            else
+                KTLog::appendLog("Unable to remove %@ - %@", path, why);
+        }
         if (w->kind == "orig") {
             aside = path;
             if (auto n = unhex(w->middle)) asideName = *n;

@@ -240,10 +240,14 @@ TEST_F(KTTransferTest, AnotherRunningProcessesWorkIsLeftAlone) {
     ScratchRoot::writeFile(live + "/Contents/x", "x");
     const std::string dead = here() + "/.ambrel-work.999999999.1.copy";
     ScratchRoot::writeFile(dead + "/Contents/x", "x");
+    // What a killed helper leaves half-deleted: an original whose copy was placed.
+    const std::string gone = here() + "/.ambrel-work.999999998.2.gone";
+    ScratchRoot::writeFile(gone + "/Contents/x", "x");
     KTTransfer t;
     t.recoverFolder(here());
     EXPECT_TRUE(exists(live));
     EXPECT_FALSE(exists(dead));
+    EXPECT_FALSE(exists(gone));
 }
 
 TEST_F(KTTransferTest, EachBatchSettlesAFolderBeforeItsFirstMoveThereAndAfterAFailure) {

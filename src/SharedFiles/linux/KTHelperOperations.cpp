@@ -423,7 +423,8 @@ KTHelperOperations::Result KTHelperOperations::move(const KTHelperStep& step) {
     const std::string name = nameOf(source), target = nameOf(destination);
     struct stat st;
     if (!lookNoFollow(from.get(), name, &st)) return failed("unable to move", source);
-    if (renameat2(from.get(), name.c_str(), to.get(), target.c_str(), RENAME_NOREPLACE) == 0) return ok();
+    if (renameat2(from.get(), name.c_str(), to.get(), target.c_str(), RENAME_NOREPLACE) == 0)
+        return ok();
     if (errno != EXDEV) return failed("unable to move", source);
 
     // Another file system: a whole copy under a work name first, then into
@@ -442,7 +443,14 @@ KTHelperOperations::Result KTHelperOperations::move(const KTHelperStep& step) {
         removeTree(to.get(), work, &ignored);
         return r;
     }
-    if (!removeTree(from.get(), name, &why))
+    // The original leaves its real name before it is deleted, so that a kill
+    // half-way through the deletion never leaves a partial plug-in where hosts
+    // look; the next run of the program removes what is left of it.
+    const std::string gone =
+        ".ambrel-work." + std::to_string(getpid()) + "." + std::to_string(++workCounter_) + ".gone";
+    if (renameat2(from.get(), name.c_str(), from.get(), gone.c_str(), RENAME_NOREPLACE) != 0)
+        return failed("unable to set aside", source);
+    if (!removeTree(from.get(), gone, &why))
         return {KTAuthorization::kStatusFailed, "unable to remove " + source + ": " + why};
     return ok();
 }
