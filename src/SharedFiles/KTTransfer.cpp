@@ -21,7 +21,7 @@
 #include "SharedFiles/KTFormat.h"
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTTransferPlan.h"
-#include "operations/KTMoveBatch.h"
+#include "SharedFiles/KTMoveBatch.h"
 
 namespace fs = std::filesystem;
 

@@ -12,7 +12,7 @@
 #include "catalogue/KTOutlineView.h"
 #include "catalogue/KTPluginLocations.h"
 #include "catalogue/OutlineViewController.h"
-#include "operations/KTMoveBatch.h"
+#include "SharedFiles/KTMoveBatch.h"
 #include "operations/KTOperationSupport.h"
 
 namespace fs = std::filesystem;

@@ -23,7 +23,7 @@
 #include "catalogue/KTOutlineView.h"
 #include "catalogue/OutlineViewController.h"
 #include "operations/KTFileMover.h"
-#include "operations/KTMoveBatch.h"
+#include "SharedFiles/KTMoveBatch.h"
 #include "operations/KTOperationSupport.h"
 
 namespace fs = std::filesystem;

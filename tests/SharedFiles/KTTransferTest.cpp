@@ -14,7 +14,7 @@
 
 #include "SharedFiles/KTFileTree.h"
 #include "SharedFiles/KTLog.h"
-#include "operations/KTMoveBatch.h"
+#include "SharedFiles/KTMoveBatch.h"
 #include "support/ScratchRoot.h"
 
 namespace fs = std::filesystem;

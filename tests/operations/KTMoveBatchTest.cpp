@@ -1,6 +1,6 @@
 // A batch of moves reuses what it found about the folders on the way, and
 // trusts it only while its moves succeed.
-#include "operations/KTMoveBatch.h"
+#include "SharedFiles/KTMoveBatch.h"
 
 #include <gtest/gtest.h>
 

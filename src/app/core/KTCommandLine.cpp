@@ -17,7 +17,7 @@
 #include "installer/KTInstallerCommands.h"
 #include "installer/KTNotarizeCommand.h"
 #include "operations/KTDryRun.h"
-#include "operations/KTMoveBatch.h"
+#include "SharedFiles/KTMoveBatch.h"
 
 namespace {
 const char* const kVerbs[] = {"-install",    "-enable",          "-disable",    "-remove",

@@ -1,4 +1,4 @@
-#include "operations/KTMoveBatch.h"
+#include "SharedFiles/KTMoveBatch.h"
 
 namespace {
 thread_local KTMoveBatch* gCurrent = nullptr;
