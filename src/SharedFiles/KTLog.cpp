@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -30,6 +31,12 @@ std::mutex gFinishLock;  // finishWriting from outside the writer
 KTLog* gShared = nullptr;
 std::atomic<std::uint64_t> gRestartThreshold{5000000};
 std::atomic<int> gSuperuserOverride{-1};  // -1: ask the system
+/// How long the writer lets lines gather after the first, and how many it
+/// takes before writing anyway: short enough that a line written now and read
+/// by a person a moment later is there, long enough that a batch logging a
+/// line every few tens of microseconds writes a few hundred at a time.
+constexpr auto kGatherTime = std::chrono::milliseconds(4);
+constexpr std::size_t kGatherLines = 2048;
 
 void printOut(const std::string& text) {
     std::fwrite(text.data(), 1, text.size(), stdout);
@@ -354,7 +361,7 @@ void KTLog::appendTextToLog(const std::string& raw) {
         // A writer that is writing, or already woken for an earlier entry,
         // looks at the queue again before it sleeps: a wake-up per line cost
         // a system call per line for nothing.
-        idle = queue_.empty() && !writing_;
+        idle = queue_.empty() && !writing_ && !gathering_;
         queue_.push_back(std::move(text));
     }
     if (idle) queueChanged_.notify_one();
@@ -365,8 +372,16 @@ void KTLog::writerLoop() {
     for (;;) {
         queueChanged_.wait(l, [this] { return stopping_ || !queue_.empty(); });
         if (queue_.empty() && stopping_) return;
-        // Everything queued goes out in one write: a batch of moves logs
-        // several lines per plug-in, and a write per line cost more than the move.
+        // A batch of moves logs several lines per plug-in, one at a time: woken
+        // for the first, the writer lets the next ones gather for a moment and
+        // writes them all at once (a write and a wake-up per line cost more
+        // than the move). Whoever waits for the log to be on disk ends the
+        // gathering at once, so nobody waits for the moment itself.
+        gathering_ = true;
+        queueChanged_.wait_for(l, kGatherTime, [this] {
+            return stopping_ || flushWaiters_ > 0 || queue_.size() >= kGatherLines;
+        });
+        gathering_ = false;
         std::vector<std::string> batch(std::make_move_iterator(queue_.begin()),
                                        std::make_move_iterator(queue_.end()));
         queue_.clear();
@@ -467,7 +482,10 @@ void KTLog::finishWriting() {
     }
     std::lock_guard<std::mutex> finish(gFinishLock);
     std::unique_lock<std::mutex> l(log->queueLock_);
+    ++log->flushWaiters_;
+    log->queueChanged_.notify_one();  // a gathering writer writes now
     log->queueDrained_.wait(l, [log] { return log->queue_.empty() && !log->writing_; });
+    --log->flushWaiters_;
 }
 
 std::vector<std::string> KTLog::availableLogs() {
