@@ -99,6 +99,8 @@ bool clearLockedFlag(const std::string& path, bool* stop) {
 /// folder refuses changes to its own entries, not to entries further down),
 /// so those are looked at for every move, and a stale answer about a folder
 /// higher up can only leave a lock in place that no move needed cleared.
+/// No stale answer can make a rename fail, so a failed move is not tried
+/// again: it only makes the batch forget, and the next move walks it all.
 WalkEnd unlockWalk(const std::string& path, const KTFileLook* itemSeen,
                    const KTFileLook* folderSeen = nullptr) {
     WalkEnd end;
