@@ -10,8 +10,6 @@
 #include <string_view>
 #include <vector>
 
-#include "SharedFiles/linux/KTFileLook.h"
-
 namespace {
 
 std::string envOr(const char* name, const std::string& fallback) {
@@ -21,6 +19,13 @@ std::string envOr(const char* name, const std::string& fallback) {
 
 bool startsWith(const std::string& s, const std::string& prefix) {
     return s.compare(0, prefix.size(), prefix) == 0;
+}
+
+/// Read once: the id never changes under this process, and the standard
+/// folders are asked for several times per plug-in of a batch.
+uid_t processUid() {
+    static const uid_t id = ::getuid();
+    return id;
 }
 
 std::string homeOfUser(const std::string& name) {
@@ -62,7 +67,7 @@ std::string KTLocalPaths::userDirectory() {
     std::string home = envOr("HOME", "");
     // Under sudo HOME is root's; the folders that matter are those of the
     // person who ran sudo.
-    if (KTProcessIdentity::uid() == 0) {
+    if (processUid() == 0) {
         const char* sudoUser = std::getenv("SUDO_USER");
         if (sudoUser && *sudoUser && (home.empty() || home == homeOfUser("root"))) {
             std::string h = homeOfUser(sudoUser);
@@ -70,19 +75,17 @@ std::string KTLocalPaths::userDirectory() {
         }
     }
     if (home.empty()) {
-        if (struct passwd* pw = getpwuid(KTProcessIdentity::uid()); pw && pw->pw_dir)
-            home = pw->pw_dir;
+        if (struct passwd* pw = getpwuid(processUid()); pw && pw->pw_dir) home = pw->pw_dir;
     }
     while (home.size() > 1 && home.back() == '/') home.pop_back();
     return home;
 }
 
 std::string KTLocalPaths::username() {
-    if (KTProcessIdentity::uid() == 0) {
+    if (processUid() == 0) {
         if (const char* s = std::getenv("SUDO_USER"); s && *s) return s;
     }
-    if (struct passwd* pw = getpwuid(KTProcessIdentity::uid()); pw && pw->pw_name)
-        return pw->pw_name;
+    if (struct passwd* pw = getpwuid(processUid()); pw && pw->pw_name) return pw->pw_name;
     return envOr("USER", "");
 }
 
