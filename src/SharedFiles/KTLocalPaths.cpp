@@ -21,6 +21,13 @@ bool startsWith(const std::string& s, const std::string& prefix) {
     return s.compare(0, prefix.size(), prefix) == 0;
 }
 
+/// Read once: the id never changes under this process, and the standard
+/// folders are asked for several times per plug-in of a batch.
+uid_t processUid() {
+    static const uid_t id = ::getuid();
+    return id;
+}
+
 std::string homeOfUser(const std::string& name) {
     if (struct passwd* pw = getpwnam(name.c_str()); pw && pw->pw_dir) return pw->pw_dir;
     return {};
@@ -60,7 +67,7 @@ std::string KTLocalPaths::userDirectory() {
     std::string home = envOr("HOME", "");
     // Under sudo HOME is root's; the folders that matter are those of the
     // person who ran sudo.
-    if (getuid() == 0) {
+    if (processUid() == 0) {
         const char* sudoUser = std::getenv("SUDO_USER");
         if (sudoUser && *sudoUser && (home.empty() || home == homeOfUser("root"))) {
             std::string h = homeOfUser(sudoUser);
@@ -68,17 +75,17 @@ std::string KTLocalPaths::userDirectory() {
         }
     }
     if (home.empty()) {
-        if (struct passwd* pw = getpwuid(getuid()); pw && pw->pw_dir) home = pw->pw_dir;
+        if (struct passwd* pw = getpwuid(processUid()); pw && pw->pw_dir) home = pw->pw_dir;
     }
     while (home.size() > 1 && home.back() == '/') home.pop_back();
     return home;
 }
 
 std::string KTLocalPaths::username() {
-    if (getuid() == 0) {
+    if (processUid() == 0) {
         if (const char* s = std::getenv("SUDO_USER"); s && *s) return s;
     }
-    if (struct passwd* pw = getpwuid(getuid()); pw && pw->pw_name) return pw->pw_name;
+    if (struct passwd* pw = getpwuid(processUid()); pw && pw->pw_name) return pw->pw_name;
     return envOr("USER", "");
 }
 
@@ -257,6 +264,59 @@ bool isLinuxSystemFolder(const std::string& real, bool exactMatch) {
     return false;
 }
 
+/// The standard folders the guard compares with, for the variables they
+/// were made from. The clean-up asks the guard for every folder it empties,
+/// thousands of times in a batch, and the folders change only when the
+/// variables do (tests change the system root and home between cases):
+/// reading a variable costs no system call, and they are the key.
+struct GuardFolders {
+    std::string root, home, sudoUser;
+    bool made = false;
+    std::string normalisedRoot;
+    std::vector<std::string> exact;
+};
+
+const GuardFolders& guardFolders() {
+    thread_local GuardFolders cached;
+    auto value = [](const char* name) {
+        const char* v = std::getenv(name);
+        return v ? std::string(v) : std::string();
+    };
+    std::string root = value("AMBREL_ROOT"), home = value("HOME"), sudo = value("SUDO_USER");
+    if (cached.made && cached.root == root && cached.home == home && cached.sudoUser == sudo)
+        return cached;
+    GuardFolders g;
+    g.root = std::move(root);
+    g.home = std::move(home);
+    g.sudoUser = std::move(sudo);
+    g.made = true;
+    const std::string system = KTLocalPaths::systemRoot();
+    g.normalisedRoot = system.empty() ? std::string() : normalised(system);
+    for (bool user : {true, false}) {
+        g.exact.push_back(KTLocalPaths::applicationDirectory(user));
+        g.exact.push_back(KTLocalPaths::adminApplicationDirectory(user));
+        g.exact.push_back(KTLocalPaths::documentDirectory(user));
+        g.exact.push_back(KTLocalPaths::libraryDirectory(user));
+        g.exact.push_back(KTLocalPaths::prefsDirectory(user));
+        g.exact.push_back(KTLocalPaths::cacheDirectory(user));
+        g.exact.push_back(KTLocalPaths::appSupportDirectory(user));
+    }
+    g.exact.push_back(KTLocalPaths::desktopDirectory());
+    g.exact.push_back(KTLocalPaths::userDirectory());
+    g.exact.push_back(KTLocalPaths::systemLibraryDirectory());
+    g.exact.push_back(KTLocalPaths::localDocumentationDirectory());
+    cached = std::move(g);
+    return cached;
+}
+
+const std::string& normalisedRoot() {
+    return guardFolders().normalisedRoot;
+}
+
+const std::vector<std::string>& exactFolders() {
+    return guardFolders().exact;
+}
+
 }  // namespace
 
 bool KTLocalPaths::isPathSystemDirectory(const std::string& input, bool exactMatch) {
@@ -266,9 +326,9 @@ bool KTLocalPaths::isPathSystemDirectory(const std::string& input, bool exactMat
     // The real system folders of this machine are protected in every
     // spelling, except inside a system root placed elsewhere (under /var/tmp,
     // say), whose folders are judged below as the hosts would see them.
-    const std::string root = systemRoot();
+    const std::string& root = normalisedRoot();
     const std::string real = normalised(input);
-    const bool inRoot = !root.empty() && isInside(real, normalised(root));
+    const bool inRoot = !root.empty() && isInside(real, root);
     if (!inRoot && isLinuxSystemFolder(real, exactMatch)) return true;
 
     std::string path = input;
@@ -278,21 +338,7 @@ bool KTLocalPaths::isPathSystemDirectory(const std::string& input, bool exactMat
     const std::string logical = inRoot ? logicalPath(path) : path;
     if (inRoot && logical == "/") return true;
 
-    std::vector<std::string> exact;
-    for (bool user : {true, false}) {
-        exact.push_back(applicationDirectory(user));
-        exact.push_back(adminApplicationDirectory(user));
-        exact.push_back(documentDirectory(user));
-        exact.push_back(libraryDirectory(user));
-        exact.push_back(prefsDirectory(user));
-        exact.push_back(cacheDirectory(user));
-        exact.push_back(appSupportDirectory(user));
-    }
-    exact.push_back(desktopDirectory());
-    exact.push_back(userDirectory());
-    exact.push_back(systemLibraryDirectory());
-    exact.push_back(localDocumentationDirectory());
-    for (const auto& e : exact) {
+    for (const auto& e : exactFolders()) {
         if (!e.empty() && path == e) return true;
     }
     for (const char* lit : {"/Users/Shared", "/usr", "/var", "/bin", "/sbin", "/System"}) {

@@ -21,8 +21,15 @@ KTMoveBatch* KTMoveBatch::current() {
 
 void KTMoveBatch::forgetCurrent() {
     if (!gCurrent) return;
-    gCurrent->unlocked_.clear();
     gCurrent->settled_.clear();
+    gCurrent->into_.clear();
+    gCurrent->from_.clear();
+    gCurrent->ancestors_.clear();
+    gCurrent->readOnly_.clear();
+}
+
+void KTMoveBatch::folderMadeInCurrent() {
+    if (!gCurrent) return;
     gCurrent->into_.clear();
     gCurrent->from_.clear();
 }
@@ -31,12 +38,23 @@ bool KTMoveBatch::noteSettled(dev_t device, ino_t inode) {
     return settled_.insert({device, inode}).second;
 }
 
-bool KTMoveBatch::isKnownUnlocked(dev_t device, ino_t inode) const {
-    return unlocked_.count({device, inode}) != 0;
+const KTFileLook* KTMoveBatch::unlockedAncestor(const std::string& path) const {
+    auto it = ancestors_.find(path);
+    return it == ancestors_.end() ? nullptr : &it->second;
 }
 
-void KTMoveBatch::noteUnlocked(dev_t device, ino_t inode) {
-    unlocked_.insert({device, inode});
+void KTMoveBatch::noteUnlockedAncestor(const std::string& path, const KTFileLook& look) {
+    ancestors_[path] = look;
+}
+
+std::optional<bool> KTMoveBatch::readOnlyDevice(dev_t device) const {
+    auto it = readOnly_.find(device);
+    if (it == readOnly_.end()) return std::nullopt;
+    return it->second;
+}
+
+void KTMoveBatch::noteReadOnlyDevice(dev_t device, bool readOnly) {
+    readOnly_[device] = readOnly;
 }
 
 std::optional<bool> KTMoveBatch::movableInto(dev_t device, ino_t inode) const {

@@ -5,16 +5,33 @@
 #include <map>
 #include <optional>
 #include <set>
+#include <string>
+#include <unordered_map>
 #include <utility>
+
+#include "SharedFiles/linux/KTFileLook.h"
 
 /// What one batch of moves has found out about the folders its plug-ins pass
 /// through. A batch over thousands of plug-ins below a handful of folders
-/// would otherwise open every ancestor of both paths for each plug-in to read
-/// its flags, and ask for write access to the same folders again and again.
+/// would otherwise look at every ancestor of both paths for each plug-in to
+/// read its flags, list the same folders for leftovers again and again, and
+/// ask for write access to the same folders each time.
 ///
-/// Folders are known by device and inode, so a folder replaced under the same
-/// name is looked at afresh; everything is forgotten when a move fails or a
-/// folder is created. A batch belongs to the thread that starts it: moves on
+/// Three kinds of knowledge, trusted differently:
+/// - Ancestors found unlocked, by path. Only the folder an item leaves, the
+///   folder it enters and the item itself can stop a rename (their flags and
+///   bits; a locked grandparent does not), and those three are looked at for
+///   every move. So an ancestor above them that changed behind the batch's
+///   back can only cost a lock left in place that the move does not need.
+/// - Folders settled (leftovers of killed transfers handled) and folders
+///   whose rights were asked of the system, by device and inode, so that a
+///   folder replaced under the same name is looked at afresh.
+/// - Volumes found writable or read-only, by device.
+///
+/// Everything is forgotten when a move fails. A folder the batch makes
+/// itself is new and empty: it holds nothing to settle and changes nothing
+/// above it, so only the answers about rights (whose inode it may reuse)
+/// are dropped then. A batch belongs to the thread that starts it: moves on
 /// other threads, and moves outside any batch, find nothing and ask the disk.
 class KTMoveBatch {
   public:
@@ -28,13 +45,21 @@ class KTMoveBatch {
     static KTMoveBatch* current();
     /// Forgets what the running batch knows (nothing without one).
     static void forgetCurrent();
+    /// The running batch made a folder: forgets the answers that a reused
+    /// inode could make wrong (nothing without a batch).
+    static void folderMadeInCurrent();
 
     /// Records that the transfer settles what killed runs left in the folder;
     /// false when this batch has settled it already.
     bool noteSettled(dev_t device, ino_t inode);
 
-    bool isKnownUnlocked(dev_t device, ino_t inode) const;
-    void noteUnlocked(dev_t device, ino_t inode);
+    /// The look of an ancestor folder found unlocked, or null.
+    const KTFileLook* unlockedAncestor(const std::string& path) const;
+    void noteUnlockedAncestor(const std::string& path, const KTFileLook& look);
+
+    /// Whether the volume is read-only; nothing when not asked yet.
+    std::optional<bool> readOnlyDevice(dev_t device) const;
+    void noteReadOnlyDevice(dev_t device, bool readOnly);
 
     /// Whether the folder was found writable and deletable; nothing when not asked yet.
     std::optional<bool> movableInto(dev_t device, ino_t inode) const;
@@ -46,7 +71,9 @@ class KTMoveBatch {
 
   private:
     using Key = std::pair<dev_t, ino_t>;
-    std::set<Key> unlocked_, settled_;
+    std::set<Key> settled_;
     std::map<Key, bool> into_, from_;
+    std::unordered_map<std::string, KTFileLook> ancestors_;
+    std::map<dev_t, bool> readOnly_;
     bool owner_ = false;
 };

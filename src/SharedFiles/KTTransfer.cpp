@@ -20,8 +20,8 @@
 #include "SharedFiles/KTFileTree.h"
 #include "SharedFiles/KTFormat.h"
 #include "SharedFiles/KTLog.h"
-#include "SharedFiles/KTTransferPlan.h"
 #include "SharedFiles/KTMoveBatch.h"
+#include "SharedFiles/KTTransferPlan.h"
 
 namespace fs = std::filesystem;
 
@@ -223,20 +223,33 @@ KTTransfer::Names KTTransfer::workNames(const std::string& from, const std::stri
 }
 
 bool KTTransfer::moveItem(const std::string& from, const std::string& to, std::string* error,
-                          const std::string& reservation) {
+                          const std::string& reservation, const Seen* seen) {
     if (KTTransferPlan* plan = KTTransferPlan::active()) return plan->move(from, to, false, error);
-    if (!exists(from)) {
+    // A caller that has just looked is not asked again: the rename itself
+    // refuses a missing source and never replaces a destination.
+    if (!seen && !exists(from)) {
         setError(error, KTFormat::str("%@ does not exist", from));
         return false;
     }
-    recoverFolder(parentOf(from));
-    recoverFolder(parentOf(to));
-    if (exists(to)) {
-        setError(error, KTFormat::str("%@ already exists", to));
-        return false;
+    if (seen) {
+        const std::pair<dev_t, ino_t> a{seen->fromDevice, seen->fromInode},
+            b{seen->toDevice, seen->toInode};
+        recoverFolderOnce(parentOf(from), &a);
+        recoverFolderOnce(parentOf(to), &b);
+    } else {
+        recoverFolder(parentOf(from));
+        recoverFolder(parentOf(to));
+        if (exists(to)) {
+            setError(error, KTFormat::str("%@ already exists", to));
+            return false;
+        }
     }
     const int err = KTFileTree::renameNoReplace(from, to);
     if (err == 0) return true;
+    if ((err == ENOENT || err == EXDEV) && !exists(from)) {
+        setError(error, KTFormat::str("%@ does not exist", from));
+        return false;
+    }
     if (err == EXDEV) return moveAcross(from, to, error, reservation);
     setError(error, err == EEXIST ? KTFormat::str("%@ already exists", to)
                                   : KTFormat::str("Unable to move %@ - %@", from, reason(err)));
@@ -466,26 +479,38 @@ KTTransfer::Outcome KTTransfer::authCopyItem(const std::string& sourcePath, cons
 }
 
 void KTTransfer::recoverFolder(const std::string& folder, bool again) {
+    if (again) {
+        if (KTTransferPlan::active()) return;
+        std::map<std::string, pid_t> tokens;
+        for (const auto& name : KTFileTree::entriesOf(folder)) {
+            if (auto w = parseWorkName(name)) tokens.emplace(w->token, w->pid);
+        }
+        for (const auto& [token, pid] : tokens) {
+            if (!processRuns(pid)) recoverEntry(folder, token);
+        }
+        return;
+    }
+    recoverFolderOnce(folder, nullptr);
+}
+
+void KTTransfer::recoverFolderOnce(const std::string& folder,
+                                   const std::pair<dev_t, ino_t>* known) {
     if (KTTransferPlan::active()) return;  // a dry run leaves even leftovers as they are
     // A batch settles each folder it touches once, before its first move
     // there, and again after a failed move (the batch then forgets); without
     // one, once per process. Listing a folder of thousands of plug-ins before
     // each of its moves would make a batch quadratic.
-    KTMoveBatch* batch = again ? nullptr : KTMoveBatch::current();
+    KTMoveBatch* batch = KTMoveBatch::current();
     struct stat st {};
-    if (batch && ::stat(folder.c_str(), &st) == 0) {
+    if (batch && known) {
+        if (!batch->noteSettled(known->first, known->second)) return;
+    } else if (batch && ::stat(folder.c_str(), &st) == 0) {
         if (!batch->noteSettled(st.st_dev, st.st_ino)) return;
-    } else if (!again) {
+    } else {
         std::lock_guard<std::mutex> l(lock_);
         if (!recovered_.insert(folder).second) return;
     }
-    std::map<std::string, pid_t> tokens;
-    for (const auto& name : KTFileTree::entriesOf(folder)) {
-        if (auto w = parseWorkName(name)) tokens.emplace(w->token, w->pid);
-    }
-    for (const auto& [token, pid] : tokens) {
-        if (!processRuns(pid)) recoverEntry(folder, token);
-    }
+    recoverFolder(folder, true);
 }
 
 void KTTransfer::recoverEntry(const std::string& folder, const std::string& token) {

@@ -5,6 +5,8 @@
 #include <set>
 #include <string>
 
+#include <sys/types.h>
+
 /// The one way a plug-in changes place on disk: moves (enable, disable,
 /// scope, groups), the Trash and installs all come here, so that a plug-in
 /// under a real name is always whole and exists once.
@@ -38,11 +40,21 @@ class KTTransfer {
     KTTransfer(const KTTransfer&) = delete;
     KTTransfer& operator=(const KTTransfer&) = delete;
 
+    /// The two folders of a move and the item as the caller has just seen
+    /// them: the item there, nothing at the destination, and the folders'
+    /// device and inode, so that the move need not look again.
+    struct Seen {
+        dev_t fromDevice = 0;
+        ino_t fromInode = 0;
+        dev_t toDevice = 0;
+        ino_t toInode = 0;
+    };
+
     /// Moves `from` to the new path `to`, whose folder must exist.
     /// `reservation`, when given, is a file made for this move (a Trash's
     /// .trashinfo) that a rollback after a kill must remove too.
     bool moveItem(const std::string& from, const std::string& to, std::string* error = nullptr,
-                  const std::string& reservation = {});
+                  const std::string& reservation = {}, const Seen* seen = nullptr);
     /// Copies `source` to the new path `to` (an install). A link given as
     /// the source is followed: its target is copied; a link to nothing is
     /// refused.
@@ -88,6 +100,8 @@ class KTTransfer {
                     const std::string& reservation);
     Outcome authMoveAcross(const std::string& from, const std::string& to, std::string* error);
     void recoverEntry(const std::string& folder, const std::string& token);
+    /// `recoverFolder` for a folder whose device and inode are known (null: look).
+    void recoverFolderOnce(const std::string& folder, const std::pair<dev_t, ino_t>* known);
 
     std::mutex lock_;
     std::set<std::string> recovered_;

@@ -182,6 +182,11 @@ void KTPluginItem::setActualPath(const std::string& v) {
     actualPath_ = v;
 }
 
+void KTPluginItem::movedTo(long long enabled, const std::string& path) {
+    pluginEnabled_ = enabled;
+    setActualPath(path);
+}
+
 void KTPluginItem::updateActualPath() {
     std::string path = pluginPath();
     std::lock_guard<std::mutex> lock(detailsMutex_);

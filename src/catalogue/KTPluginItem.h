@@ -51,6 +51,9 @@ class KTPluginItem : public KTItem {
     /// A copy: the inspection thread reads it while the tree's thread may move it.
     std::string actualPath() const;
     void setActualPath(const std::string& v);
+    /// A move has just put the plug-in at `path` in the state `enabled`: both
+    /// are stored without a look at the disk, which the move has just had.
+    void movedTo(long long enabled, const std::string& path);
     std::int64_t pluginType() const { return pluginType_; }
     void setPluginType(std::int64_t v);
     std::int64_t pluginAccess() const { return pluginAccess_; }

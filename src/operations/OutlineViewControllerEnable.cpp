@@ -14,16 +14,18 @@
 #include <filesystem>
 
 #include "SharedFiles/KTAuthorization.h"
+#include "SharedFiles/KTFileTree.h"
 #include "SharedFiles/KTLocalPaths.h"
 #include "SharedFiles/KTLog.h"
+#include "SharedFiles/KTMoveBatch.h"
 #include "SharedFiles/KTTaskNotification.h"
 #include "SharedFiles/KTTransfer.h"
 #include "SharedFiles/KTTransferPlan.h"
+#include "SharedFiles/linux/KTFileLook.h"
 #include "app/core/AppController.h"
 #include "catalogue/KTOutlineView.h"
 #include "catalogue/OutlineViewController.h"
 #include "operations/KTFileMover.h"
-#include "SharedFiles/KTMoveBatch.h"
 #include "operations/KTOperationSupport.h"
 
 namespace fs = std::filesystem;
@@ -45,33 +47,205 @@ class ProgressSpinner {
     AppController* app_;
 };
 
+/// What one walk from "/" down to an item saw at its end: the item's
+/// grandparent, its folder and the item itself (each unlocked by the walk
+/// where it could be), and whether the walk got as far as each.
+struct WalkEnd {
+    KTFileLook grandparent, folder, item;
+    bool sawGrandparent = false, sawFolder = false, sawItem = false;
+};
+
+/// Reads the locked flag of what `path` names (a link not followed) and
+/// clears it: true when the item is unlocked afterwards. Failures are posted
+/// and logged; `stop` is set when the walk must stop there.
+bool clearLockedFlag(const std::string& path, bool* stop) {
+    int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) {
+        if (errno == ELOOP) return true;  // became a link since
+        postAndLog("Unable to get attributes of item %@ - %@", path, std::strerror(errno));
+        *stop = true;
+        return false;
+    }
+    int flags = 0;
+    if (::ioctl(fd, FS_IOC_GETFLAGS, &flags) != 0) {
+        const int err = errno;
+        ::close(fd);
+        // A file system without flags has nothing locked.
+        if (err == ENOTTY || err == EOPNOTSUPP || err == EINVAL || err == ENOSYS) return true;
+        postAndLog("Unable to get attributes of item %@ - %@", path, std::strerror(err));
+        *stop = true;
+        return false;
+    }
+    bool unlocked = true;
+    if (flags & FS_IMMUTABLE_FL) {
+        flags &= ~FS_IMMUTABLE_FL;
+        if (::ioctl(fd, FS_IOC_SETFLAGS, &flags) != 0) {
+            unlocked = false;
+            postAndLog("Unable to unlock item %@ - %@", path, std::strerror(errno));
+        }
+    }
+    ::close(fd);
+    return unlocked;
+}
+
+/// The unlock walk: from "/" down, each ancestor and then the item, stopping
+/// silently at the first that is not there; a locked one is unlocked.
+/// `itemSeen` and `folderSeen`, when given, are looks at the item and its
+/// folder taken just before.
+///
+/// Within a batch an ancestor above the item's folder that was found (or
+/// made) unlocked is not looked at again: only the folder an item leaves,
+/// the folder it enters and the item itself can stop a rename (a locked
+/// folder refuses changes to its own entries, not to entries further down),
+/// so those are looked at for every move, and a stale answer about a folder
+/// higher up can only leave a lock in place that no move needed cleared.
+/// No stale answer can make a rename fail, so a failed move is not tried
+/// again: it only makes the batch forget, and the next move walks it all.
+WalkEnd unlockWalk(const std::string& path, const KTFileLook* itemSeen,
+                   const KTFileLook* folderSeen = nullptr) {
+    WalkEnd end;
+    KTMoveBatch* batch = KTMoveBatch::current();
+    const std::vector<std::string> components = pathComponents(path);
+    const std::size_t n = components.size();
+    std::string prefix;
+    for (std::size_t i = 0; i < n; ++i) {
+        prefix = prefix.empty() ? components[i]
+                                : KTPluginLocations::appendPathComponent(prefix, components[i]);
+        const bool isItem = i + 1 == n, isFolder = i + 2 == n, isGrandparent = i + 3 == n;
+        if (!isItem && !isFolder && batch) {
+            if (const KTFileLook* known = batch->unlockedAncestor(prefix)) {
+                if (isGrandparent) {
+                    end.grandparent = *known;
+                    end.sawGrandparent = true;
+                }
+                continue;
+            }
+        }
+        KTFileLook look = isItem && itemSeen       ? *itemSeen
+                          : isFolder && folderSeen ? *folderSeen
+                                                   : KTFileLook::at(prefix);
+        auto record = [&] {
+            if (isItem) end.item = look, end.sawItem = true;
+            if (isFolder) end.folder = look, end.sawFolder = true;
+            if (isGrandparent) end.grandparent = look, end.sawGrandparent = true;
+        };
+        if (!look.exists()) {
+            record();
+            return end;
+        }
+        if (look.isLink()) {  // a link has no flags of its own
+            record();
+            continue;
+        }
+        if (!look.locked || *look.locked) {
+            // Locked, or a file system that does not say with the look: read the flags.
+            bool stop = false;
+            const bool unlocked = clearLockedFlag(prefix, &stop);
+            if (stop) return end;
+            look.locked = !unlocked;
+        }
+        record();
+        if (batch && !*look.locked && look.isDirectory() && !isItem)
+            batch->noteUnlockedAncestor(prefix, look);
+    }
+    return end;
+}
+
+/// Whether the volume of a looked-at folder is read-only, asked once per
+/// batch and device.
+std::optional<bool> readOnly(const std::string& folder, const KTFileLook& look) {
+    KTMoveBatch* batch = KTMoveBatch::current();
+    if (batch)
+        if (auto known = batch->readOnlyDevice(look.device)) return known;
+    auto ro = KTFileLook::onReadOnlyVolume(folder);
+    if (batch && ro) batch->noteReadOnlyDevice(look.device, *ro);
+    return ro;
+}
+
+/// A "yes" from the bits still needs a writable volume.
+std::optional<bool> onWritableVolume(std::optional<bool> bits, const std::string& folder,
+                                     const KTFileLook& look) {
+    if (!bits || !*bits) return bits;
+    const std::optional<bool> ro = readOnly(folder, look);
+    if (!ro) return std::nullopt;
+    return !*ro;
+}
+
+/// Whether entries may be taken out of the looked-at folder (write and
+/// search; in a sticky folder only `item`'s owner, the folder's or the
+/// superuser): from the bits when they decide.
+std::optional<bool> mayTakeOut(const std::string& folder, const KTFileLook& look,
+                               const KTFileLook& item) {
+    std::optional<bool> ok = KTProcessIdentity::mayChangeEntries(look);
+    const uid_t me = KTProcessIdentity::euid();
+    if (ok && *ok && (look.mode & S_ISVTX) && me != 0 && item.owner != me && look.owner != me)
+        ok = false;
+    return onWritableVolume(ok, folder, look);
+}
+
 /// Whether the user may take `oldPath` out of its folder and put it in
-/// `folder` (its stat given): the plain move's permission check. Within a
-/// batch the folders' answers are asked once; the item's own is asked each time.
-bool plainMoveAllowed(const std::string& oldPath, const std::string& folder,
-                      const struct stat& folderStat) {
-    if (!isWritable(oldPath)) return false;
+/// `folder`: the plain move's permission check. The looks the move has just
+/// taken answer for the superuser and for owners (whose bits no access list
+/// overrides); anyone else asks the system, within a batch once per folder,
+/// while the item's own answer is asked each time.
+bool plainMoveAllowed(const std::string& oldPath, const WalkEnd& from, const std::string& folder,
+                      const KTFileLook& folderLook, const WalkEnd& to) {
+    const bool planned = KTTransferPlan::active() != nullptr;
+    std::optional<bool> itemOk;
+    if (!planned && from.sawItem) {
+        // The item lies on its folder's volume.
+        if (from.sawFolder && from.folder.isDirectory())
+            itemOk = onWritableVolume(KTProcessIdentity::mayWrite(from.item), parentOf(oldPath),
+                                      from.folder);
+    }
+    if (!itemOk) itemOk = isWritable(oldPath);
+    if (!*itemOk) return false;
+
     // A dry run's folders may exist only in its plan: it asks each time.
-    KTMoveBatch* batch = KTTransferPlan::active() ? nullptr : KTMoveBatch::current();
-    struct stat from {};
-    if (::stat(parentOf(oldPath).c_str(), &from) != 0) return false;
-    std::optional<bool> fromOk =
-        batch ? batch->movableFrom(from.st_dev, from.st_ino) : std::nullopt;
+    KTMoveBatch* batch = planned ? nullptr : KTMoveBatch::current();
+    std::optional<bool> fromOk;
+    if (!planned && from.sawItem && from.sawFolder && from.folder.isDirectory())
+        fromOk = mayTakeOut(parentOf(oldPath), from.folder, from.item);
     if (!fromOk) {
-        fromOk = isDeletable(oldPath);
-        // In a sticky folder the answer depends on each item's owner.
-        if (batch && !(from.st_mode & S_ISVTX))
-            batch->noteMovableFrom(from.st_dev, from.st_ino, *fromOk);
+        struct stat st {};
+        if (::stat(parentOf(oldPath).c_str(), &st) != 0) return false;
+        if (batch) fromOk = batch->movableFrom(st.st_dev, st.st_ino);
+        if (!fromOk) {
+            fromOk = isDeletable(oldPath);
+            // In a sticky folder the answer depends on each item's owner.
+            if (batch && !(st.st_mode & S_ISVTX))
+                batch->noteMovableFrom(st.st_dev, st.st_ino, *fromOk);
+        }
     }
     if (!*fromOk) return false;
-    std::optional<bool> intoOk =
-        batch ? batch->movableInto(folderStat.st_dev, folderStat.st_ino) : std::nullopt;
+
+    // "Writable and deletable": written into, and taken out of its own folder.
+    std::optional<bool> intoOk;
+    if (!planned && to.sawFolder && to.folder.isDirectory() && to.sawGrandparent &&
+        to.grandparent.isDirectory()) {
+        const std::optional<bool> writable =
+            onWritableVolume(KTProcessIdentity::mayWrite(to.folder), folder, to.folder);
+        const std::optional<bool> deletable =
+            mayTakeOut(parentOf(folder), to.grandparent, to.folder);
+        if (writable && deletable) intoOk = *writable && *deletable;
+    }
+    if (!intoOk && batch) intoOk = batch->movableInto(folderLook.device, folderLook.inode);
     if (!intoOk) {
         intoOk = isWritable(folder) && isDeletable(folder);
-        if (batch) batch->noteMovableInto(folderStat.st_dev, folderStat.st_ino, *intoOk);
+        if (batch) batch->noteMovableInto(folderLook.device, folderLook.inode, *intoOk);
     }
     return *intoOk;
 }
+
+/// Looks at a move's item and destination folder that its caller has just
+/// taken, so that the move does not take them again.
+struct Seen {
+    const KTFileLook* item = nullptr;
+    const KTFileLook* folder = nullptr;
+};
+
+bool moveFileSeen(OutlineViewController& outline, const std::string& oldPath,
+                  const std::string& newPath, const Seen& seenBefore);
 
 std::string withoutTrailingSlash(std::string path) {
     while (path.size() > 1 && path.back() == '/') path.pop_back();
@@ -83,6 +257,7 @@ std::string withoutTrailingSlash(std::string path) {
 bool OutlineViewController::moveFilter(const std::shared_ptr<KTPluginItem>& item,
                                        long long newStatus) {
     if (!item) return false;
+    const bool planned = KTTransferPlan::active() != nullptr;
     auto body = [&]() -> bool {
         if (item->isLocked()) {
             KTLog::appendLog("Unable to move %@ - plugin is locked", item->shortName());
@@ -94,16 +269,16 @@ bool OutlineViewController::moveFilter(const std::shared_ptr<KTPluginItem>& item
 
         if (newStatus != 0) {
             KTLog::appendLog("Enabling plugin %@...", item->shortName());
-            if (!exists(path)) return false;
+            const KTFileLook look = planned ? KTFileLook() : KTFileLook::at(path);
+            if (planned ? !exists(path) : !look.exists()) return false;
             const auto target = KTPluginLocations::enabledPathForDisabledPath(path);
             if (!target) {
                 KTLog::appendLog("Error: plugin is already enabled.");
                 KTTransferPlan::noteSkip(path, "plugin is already enabled");
                 return false;
             }
-            if (moveFileFrom(path, *target)) {
-                item->setPluginEnabled(1);
-                item->setActualPath(*target);
+            if (moveFileSeen(*this, path, *target, {planned ? nullptr : &look, nullptr})) {
+                item->movedTo(1, *target);
                 cleanupPluginPath(path);
                 return true;
             }
@@ -116,7 +291,8 @@ bool OutlineViewController::moveFilter(const std::shared_ptr<KTPluginItem>& item
         }
 
         KTLog::appendLog("Disabling plugin %@...", item->shortName());
-        if (!exists(path)) return false;
+        const KTFileLook look = planned ? KTFileLook() : KTFileLook::at(path);
+        if (planned ? !exists(path) : !look.exists()) return false;
         if (KTPluginLocations::isDisabledPath(path)) {
             KTLog::appendLog("Error: plugin is already disabled.");
             KTTransferPlan::noteSkip(path, "plugin is already disabled");
@@ -124,17 +300,22 @@ bool OutlineViewController::moveFilter(const std::shared_ptr<KTPluginItem>& item
         }
         const std::string target = KTPluginLocations::disabledPathForPath(path);
         const std::string parent = parentOf(target);
+        // The look at the folder serves the move's walk as well, unless it must be made.
+        const KTFileLook parentLook = planned ? KTFileLook() : KTFileLook::at(parent);
         const FolderCreation made =
-            createFolder(parent, "Unable to create directory %@ - %@. Authorizing...");
-        if (made != FolderCreation::Existed) KTMoveBatch::forgetCurrent();
+            parentLook.exists()
+                ? FolderCreation::Existed
+                : createFolder(parent, "Unable to create directory %@ - %@. Authorizing...");
+        if (made != FolderCreation::Existed) KTMoveBatch::folderMadeInCurrent();
         if (made == FolderCreation::Refused) {
             KTTaskNotification::postTaskErrorString("Ambrel: Unable to authorize.");
             KTLog::appendLog("Unable to authorize.");
             return false;
         }
-        if (moveFileFrom(path, target)) {
-            item->setPluginEnabled(0);
-            item->setActualPath(target);
+        const bool folderSeen = made == FolderCreation::Existed && !planned;
+        if (moveFileSeen(*this, path, target,
+                         {planned ? nullptr : &look, folderSeen ? &parentLook : nullptr})) {
+            item->movedTo(0, target);
             return true;
         }
         item->setPluginEnabled(1);
@@ -150,9 +331,23 @@ bool OutlineViewController::moveFilter(const std::shared_ptr<KTPluginItem>& item
 }
 
 bool OutlineViewController::moveFileFrom(const std::string& oldPath, const std::string& newPath) {
+    return moveFileSeen(*this, oldPath, newPath, {});
+}
+
+namespace {
+
+bool moveFileSeen(OutlineViewController& outline, const std::string& oldPath,
+                  const std::string& newPath, const Seen& seenBefore) {
+    AppController* app = outline.appController();
     if (oldPath.empty() || newPath.empty()) return false;
-    if (!exists(oldPath)) return true;
-    if (app_ && app_->processingCancelled()) return false;
+    const bool planned = KTTransferPlan::active() != nullptr;
+    // One look answers whether the item is there and, for the walk and the
+    // rights below, what it is.
+    const KTFileLook oldLook = planned           ? KTFileLook()
+                               : seenBefore.item ? *seenBefore.item
+                                                 : KTFileLook::at(oldPath);
+    if (planned ? !exists(oldPath) : !oldLook.exists()) return true;
+    if (app && app->processingCancelled()) return false;
     // What the batch knows holds only while its moves succeed.
     struct ForgetUnlessMoved {
         bool moved = false;
@@ -161,32 +356,47 @@ bool OutlineViewController::moveFileFrom(const std::string& oldPath, const std::
         }
     } batchKnowledge;
 
-    unlockItemsInPath(oldPath);
-    unlockItemsInPath(newPath);
+    // The walks end at the two folders and the item: what the move needs to know of them.
+    const WalkEnd from = planned ? WalkEnd() : unlockWalk(oldPath, &oldLook);
+    const WalkEnd to = planned ? WalkEnd() : unlockWalk(newPath, nullptr, seenBefore.folder);
     KTLog::appendLog("Moving file from %@ to %@", oldPath, newPath);
-    ProgressSpinner spinner(app_);
+    ProgressSpinner spinner(app);
 
     const std::string folder = parentOf(newPath);
-    if (!exists(folder)) {
+    // The walk saw the folder unless it stopped above it; a link is followed.
+    KTFileLook folderLook;
+    if (planned) {
+        folderLook.error = exists(folder) ? 0 : ENOENT;
+    } else if (to.sawFolder && !to.folder.isLink()) {
+        folderLook = to.folder;
+    } else {
+        folderLook = KTFileLook::following(folder);
+        if (!folderLook.exists() && KTFileTree::existsNoFollow(folder)) folderLook.error = 0;
+    }
+    bool walkedTo = to.sawFolder && !to.folder.isLink();
+    if (!folderLook.exists()) {
         KTLog::appendLog("Creating new containing folder at %@...", folder);
-        KTMoveBatch::forgetCurrent();  // a new folder: what was known above it may change
         if (createFolder(folder, "Unable to create directory at %@ - %@. Authorizing...") ==
             FolderCreation::Refused) {
             KTLog::appendLog("User cancelled authorization.");
-            if (app_) app_->setProcessingCancelled(true);
+            if (app) app->setProcessingCancelled(true);
             return false;
         }
+        KTMoveBatch::folderMadeInCurrent();
+        folderLook = planned ? KTFileLook() : KTFileLook::following(folder);
+        walkedTo = false;
     }
-    // One look at the folder: whether it is there, and which folder it is for the batch's answers.
-    struct stat folderStat {};
-    const bool onlyPlanned = KTTransferPlan::active() && exists(folder);
-    if (::stat(folder.c_str(), &folderStat) != 0 && !onlyPlanned) {
+    // The folder is there (a dry run's may be only planned), and the batch knows it by its inode.
+    const bool onlyPlanned = planned && exists(folder);
+    if (!folderLook.exists() && !onlyPlanned) {
         postAndLog("Error: Unable to create containing folder %@. File %@ was not moved.", folder,
                    oldPath);
         return false;
     }
     // The privileged tool would replace it without a word; refuse here for both paths.
-    if (exists(newPath)) {
+    // The walk looked at the destination itself when it reached the folder.
+    const bool destinationTaken = walkedTo && to.sawItem ? to.item.exists() : exists(newPath);
+    if (destinationTaken) {
         postAndLog("Unable to move %@ to %@ - %@", oldPath, newPath,
                    KTFormat::str("%@ already exists", newPath));
         KTTransferPlan::noteSkip(oldPath, KTFormat::str("destination %@ exists", newPath));
@@ -195,9 +405,15 @@ bool OutlineViewController::moveFileFrom(const std::string& oldPath, const std::
 
     KTTransfer& transfer = KTTransfer::shared();
     std::string error;
-    if (plainMoveAllowed(oldPath, folder, folderStat)) {
+    // The transfer need not look at the folders again when the walks just did.
+    KTTransfer::Seen seen;
+    const bool seenBoth = walkedTo && from.sawFolder && from.folder.isDirectory();
+    if (seenBoth) {
+        seen = {from.folder.device, from.folder.inode, folderLook.device, folderLook.inode};
+    }
+    if (plainMoveAllowed(oldPath, from, folder, folderLook, walkedTo ? to : WalkEnd())) {
         KTLog::appendLog("Moving %@ to %@", oldPath, newPath);
-        if (!transfer.moveItem(oldPath, newPath, &error)) {
+        if (!transfer.moveItem(oldPath, newPath, &error, {}, seenBoth ? &seen : nullptr)) {
             postAndLog("Unable to move %@ to %@ - %@", oldPath, newPath, error);
             return false;
         }
@@ -219,7 +435,7 @@ bool OutlineViewController::moveFileFrom(const std::string& oldPath, const std::
         switch (transfer.authMoveItem(oldPath, newPath, &error)) {
             case KTTransfer::Outcome::Refused:
                 KTLog::appendLog("User cancelled authorization.");
-                if (app_) app_->setProcessingCancelled(true);
+                if (app) app->setProcessingCancelled(true);
                 return false;
             case KTTransfer::Outcome::Failed:
                 KTLog::appendLog("%@", error);
@@ -230,10 +446,12 @@ bool OutlineViewController::moveFileFrom(const std::string& oldPath, const std::
                 break;
         }
     }
-    removeEmptyFolder(parentOf(oldPath), true);
+    outline.removeEmptyFolder(parentOf(oldPath), true);
     batchKnowledge.moved = true;
     return true;
 }
+
+}  // namespace
 
 void OutlineViewController::cleanupPluginPath(const std::string& oldDisabledPath) {
     KTLog::appendLog("Cleaning up plugin path %@...", oldDisabledPath);
@@ -255,8 +473,10 @@ bool OutlineViewController::removeEmptyFolder(const std::string& folder,
                                               bool includeEmptySubfolders) {
     if (KTTransferPlan::active()) return false;  // a dry run leaves every folder
     KTLog::appendLog("Removing empty folder %@...", folder);
-    if (!exists(folder)) return true;
-    if (!isDirectory(folder)) return false;
+    // One look: whether it is there and whether it is a folder (a link is followed).
+    const KTFileLook look = KTFileLook::at(folder);
+    if (!look.exists()) return true;
+    if (look.isLink() ? !isDirectory(folder) : !look.isDirectory()) return false;
     if (KTLocalPaths::isPathSystemDirectory(folder, false)) return false;
     const std::string bare = withoutTrailingSlash(folder);
     for (const auto& [key, kindFolder] : pluginFolderDict()) {
@@ -329,46 +549,7 @@ bool OutlineViewController::removeEmptyFolder(const std::string& folder,
 
 void OutlineViewController::unlockItemsInPath(const std::string& path) {
     if (KTTransferPlan::active()) return;  // a dry run changes no flag
-    KTMoveBatch* batch = KTMoveBatch::current();
-    std::string prefix;
-    for (const auto& component : pathComponents(path)) {
-        prefix =
-            prefix.empty() ? component : KTPluginLocations::appendPathComponent(prefix, component);
-        struct stat st {};
-        if (::lstat(prefix.c_str(), &st) != 0) return;
-        if (S_ISLNK(st.st_mode)) continue;  // a link has no flags of its own
-        // An ancestor this batch has already unlocked (or found unlocked) is not opened again.
-        const bool folder = S_ISDIR(st.st_mode);
-        if (folder && batch && batch->isKnownUnlocked(st.st_dev, st.st_ino)) continue;
-        int fd = ::open(prefix.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY);
-        if (fd < 0) {
-            if (errno == ELOOP) continue;  // became a link since
-            postAndLog("Unable to get attributes of item %@ - %@", prefix, std::strerror(errno));
-            return;
-        }
-        int flags = 0;
-        if (::ioctl(fd, FS_IOC_GETFLAGS, &flags) != 0) {
-            const int err = errno;
-            ::close(fd);
-            // A file system without flags has nothing locked.
-            if (err == ENOTTY || err == EOPNOTSUPP || err == EINVAL || err == ENOSYS) {
-                if (folder && batch) batch->noteUnlocked(st.st_dev, st.st_ino);
-                continue;
-            }
-            postAndLog("Unable to get attributes of item %@ - %@", prefix, std::strerror(err));
-            return;
-        }
-        bool unlocked = true;
-        if (flags & FS_IMMUTABLE_FL) {
-            flags &= ~FS_IMMUTABLE_FL;
-            if (::ioctl(fd, FS_IOC_SETFLAGS, &flags) != 0) {
-                unlocked = false;
-                postAndLog("Unable to unlock item %@ - %@", prefix, std::strerror(errno));
-            }
-        }
-        ::close(fd);
-        if (unlocked && folder && batch) batch->noteUnlocked(st.st_dev, st.st_ino);
-    }
+    unlockWalk(path, nullptr);
 }
 
 void OutlineViewController::setEnabled(long long enabled, const std::shared_ptr<KTGroupItem>& group,

@@ -148,3 +148,27 @@ TEST(KTLocalPathsTest, NamingAndSlashHelpers) {
     EXPECT_FALSE(L::isPathOnTimeMachineVolume("/Users/x/Backups.backupdb"));
     EXPECT_FALSE(L::isPathOnTimeMachineVolume("/Volumes/Backup/Backups.backupdbX/x"));
 }
+
+TEST(KTLocalPathsTest, TheGuardFollowsTheRootAndHomeBetweenCalls) {
+    using L = KTLocalPaths;
+    // The guard keeps the standard folders it compares with: a new root or
+    // home must be seen at once, and going back must not keep the other's.
+    std::string firstLibrary, firstHome;
+    {
+        ScratchRoot first;
+        firstLibrary = first.rootPath("/Library");
+        firstHome = first.home();
+        EXPECT_TRUE(L::isPathSystemDirectory(firstLibrary));
+        EXPECT_TRUE(L::isPathSystemDirectory(firstHome + "/Library", true));
+        ScratchRoot second;
+        EXPECT_FALSE(L::isPathSystemDirectory(firstLibrary));
+        EXPECT_FALSE(L::isPathSystemDirectory(firstHome + "/Library", true));
+        EXPECT_TRUE(L::isPathSystemDirectory(second.rootPath("/Library")));
+        const char* oldHome = std::getenv("HOME");
+        const std::string saved = oldHome ? oldHome : "";
+        setenv("HOME", firstHome.c_str(), 1);
+        EXPECT_TRUE(L::isPathSystemDirectory(firstHome + "/Library", true));
+        EXPECT_FALSE(L::isPathSystemDirectory(second.home() + "/Library", true));
+        setenv("HOME", saved.c_str(), 1);
+    }
+}

@@ -4,33 +4,64 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <thread>
 
 #include "OperationsTestSupport.h"
 
-TEST(KTMoveBatchTest, ALockFoundAfterTheFirstMoveIsClearedOnceAMoveFails) {
+TEST(KTMoveBatchTest, LocksSetBehindTheBatchsBackNeverStopAMove) {
     OperationsWorld w;
-    for (const char* n : {"/Pack/A.fxplug/v", "/Pack/B.fxplug/v", "/Pack/C.fxplug/v"})
+    for (const char* n : {"/Pack/Sub/A.fxplug/v", "/Pack/Sub/B.fxplug/v", "/Pack/Sub/C.fxplug/v",
+                          "/Pack/Sub/D.fxplug/v"})
         ScratchRoot::writeFile(w.fx(n), "x");
-    if (!ScratchRoot::setImmutable(w.fx("/Pack/A.fxplug"), true))
+    if (!ScratchRoot::setImmutable(w.fx("/Pack/Sub/A.fxplug"), true))
         GTEST_SKIP() << "no immutable flag here (needs root and a file system that keeps it)";
-    ScratchRoot::setImmutable(w.fx("/Pack/A.fxplug"), false);
+    ScratchRoot::setImmutable(w.fx("/Pack/Sub/A.fxplug"), false);
     w.load();
 
     KTMoveBatch batch;
     ASSERT_TRUE(
         w.outline().moveFilter(w.plugin("A.fxplug"), 0));  // the folders are now known unlocked
-    // Someone locks the plug-in's folder behind the batch's back.
+    // The plug-in's own folder, locked behind the batch's back, is looked at
+    // again for the next move, and unlocked.
+    ScratchRoot::setImmutable(w.fx("/Pack/Sub"), true);
+    EXPECT_TRUE(w.outline().moveFilter(w.plugin("B.fxplug"), 0));
+    EXPECT_TRUE(pathExists(w.mirror(w.fx("/Pack/Sub/B.fxplug/v"))));
+    // So is the plug-in itself.
+    ScratchRoot::setImmutable(w.fx("/Pack/Sub/C.fxplug"), true);
+    EXPECT_TRUE(w.outline().moveFilter(w.plugin("C.fxplug"), 0));
+    EXPECT_TRUE(pathExists(w.mirror(w.fx("/Pack/Sub/C.fxplug/v"))));
+    // A folder higher up is not looked at again, and cannot stop the move:
+    // a lock there guards only its own entries.
     ScratchRoot::setImmutable(w.fx("/Pack"), true);
-    const bool b = w.outline().moveFilter(w.plugin("B.fxplug"), 0);
-    const bool c = w.outline().moveFilter(w.plugin("C.fxplug"), 0);
+    const bool d = w.outline().moveFilter(w.plugin("D.fxplug"), 0);
     ScratchRoot::setImmutable(w.fx("/Pack"), false);
-    // The batch believed the folder unlocked, so B's move failed and nothing
-    // was lost; the failure made it look again, so C's move unlocked the folder.
-    EXPECT_FALSE(b);
-    EXPECT_TRUE(pathExists(w.fx("/Pack/B.fxplug/v")));
-    EXPECT_TRUE(c);
-    EXPECT_TRUE(pathExists(w.mirror(w.fx("/Pack/C.fxplug/v"))));
+    EXPECT_TRUE(d);
+    EXPECT_TRUE(pathExists(w.mirror(w.fx("/Pack/Sub/D.fxplug/v"))));
+    EXPECT_FALSE(pathExists(w.fx("/Pack/Sub/D.fxplug")));
+}
+
+TEST(KTMoveBatchTest, AFailedMoveMakesTheBatchLookAtEveryAncestorAgain) {
+    OperationsWorld w;
+    for (const char* n : {"/Pack/Sub/A.fxplug/v", "/Pack/Sub/B.fxplug/v", "/Pack/Sub/C.fxplug/v"})
+        ScratchRoot::writeFile(w.fx(n), "x");
+    if (!ScratchRoot::setImmutable(w.fx("/Pack/Sub/A.fxplug"), true))
+        GTEST_SKIP() << "no immutable flag here (needs root and a file system that keeps it)";
+    ScratchRoot::setImmutable(w.fx("/Pack/Sub/A.fxplug"), false);
+    w.load();
+
+    KTMoveBatch batch;
+    ASSERT_TRUE(w.outline().moveFilter(w.plugin("A.fxplug"), 0));
+    ScratchRoot::setImmutable(w.fx("/Pack"), true);
+    // B's destination is taken: the move fails and the batch forgets.
+    ScratchRoot::writeFile(w.mirror(w.fx("/Pack/Sub/B.fxplug")), "in the way");
+    EXPECT_FALSE(w.outline().moveFilter(w.plugin("B.fxplug"), 0));
+    EXPECT_TRUE(pathExists(w.fx("/Pack/Sub/B.fxplug/v")));
+    // The next move walks every ancestor again and finds the lock higher up.
+    EXPECT_TRUE(w.outline().moveFilter(w.plugin("C.fxplug"), 0));
+    const bool lockedStill = !std::ofstream(w.fx("/Pack/probe"));
+    ScratchRoot::setImmutable(w.fx("/Pack"), false);
+    EXPECT_FALSE(lockedStill);
 }
 
 TEST(KTMoveBatchTest, ABatchBelongsToItsThreadAndNestsIntoTheOuterOne) {
@@ -39,11 +70,11 @@ TEST(KTMoveBatchTest, ABatchBelongsToItsThreadAndNestsIntoTheOuterOne) {
     {
         KTMoveBatch inner;
         EXPECT_EQ(KTMoveBatch::current(), &outer);
-        outer.noteUnlocked(1, 2);
+        outer.noteUnlockedAncestor("/Pack", KTFileLook::at("/"));
     }
     EXPECT_EQ(KTMoveBatch::current(), &outer);
-    EXPECT_TRUE(outer.isKnownUnlocked(1, 2));
+    EXPECT_NE(outer.unlockedAncestor("/Pack"), nullptr);
     std::thread([] { EXPECT_EQ(KTMoveBatch::current(), nullptr); }).join();
     KTMoveBatch::forgetCurrent();
-    EXPECT_FALSE(outer.isKnownUnlocked(1, 2));
+    EXPECT_EQ(outer.unlockedAncestor("/Pack"), nullptr);
 }

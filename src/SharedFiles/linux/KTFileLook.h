@@ -1,0 +1,56 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cerrno>
+
+#include <optional>
+#include <string>
+
+/// One look at a path, a last link not followed: whether anything is there,
+/// what it is, whose, where, and its locked (immutable) flag when the file
+/// system tells it with the look. One system call answers what "exists",
+/// "is a folder", the permission bits and the flags would ask separately.
+struct KTFileLook {
+    /// 0 when something is there, else the errno of the look.
+    int error = ENOENT;
+    mode_t mode = 0;
+    uid_t owner = 0;
+    gid_t group = 0;
+    dev_t device = 0;
+    ino_t inode = 0;
+    /// Whether the locked flag is set; nothing when the file system keeps no
+    /// such flag with the look (the flags must then be read apart).
+    std::optional<bool> locked;
+
+    bool exists() const { return error == 0; }
+    bool isDirectory() const;
+    bool isLink() const;
+
+    /// Looks at `path` (a last link not followed).
+    static KTFileLook at(const std::string& path);
+    /// Looks at what `path` names (links followed).
+    static KTFileLook following(const std::string& path);
+
+    /// Whether the volume holding `path` is mounted read-only, which no bit
+    /// of a look shows; nothing when it cannot be asked.
+    static std::optional<bool> onReadOnlyVolume(const std::string& path);
+};
+
+/// Who this process is, read once: the ids cannot change under a process
+/// that never changes them, and asking the kernel for each plug-in of a
+/// batch is a system call each time.
+class KTProcessIdentity {
+  public:
+    static uid_t uid();
+    static uid_t euid();
+
+    /// Whether this process may add and remove entries in the folder looked
+    /// at (write and search), when its bits alone decide: the superuser and
+    /// the owner, whose bits no access list overrides. Nothing when only the
+    /// system can tell (another user, an access list, a flag not known).
+    /// A read-only volume is the caller's to rule out (`onReadOnlyVolume`).
+    static std::optional<bool> mayChangeEntries(const KTFileLook& folder);
+    /// The same for writing into an item (`access(W_OK)`).
+    static std::optional<bool> mayWrite(const KTFileLook& item);
+};
