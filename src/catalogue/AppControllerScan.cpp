@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -31,9 +32,8 @@ bool isTemplateDocumentExtension(const std::string& ext) {
 }
 
 bool isListedPluginExtension(const std::string& ext) {
-    static const char* const kListed[] = {"txt",    "fcfcc",  "bundle", "avx",
-                                          "dpm",    "fxplug", "component", "plugin",
-                                          "vst",    "vst2",   "vst3"};
+    static const char* const kListed[] = {"txt",       "fcfcc",  "bundle", "avx",  "dpm", "fxplug",
+                                          "component", "plugin", "vst",    "vst2", "vst3"};
     for (const char* e : kListed) {
         if (ext == e) return true;
     }
@@ -58,7 +58,7 @@ struct FolderEntry {
 /// The entries of a folder in the order the file system lists them; nothing
 /// with the error text when it cannot be read.
 std::optional<std::vector<FolderEntry>> listFolder(const std::string& folder, std::string& error,
-                                                  bool settled = false) {
+                                                   bool settled = false) {
     DIR* dir = ::opendir(folder.c_str());
     if (!dir) {
         error = std::strerror(errno);
@@ -84,6 +84,28 @@ std::optional<std::vector<FolderEntry>> listFolder(const std::string& folder, st
         return listFolder(folder, error, true);
     }
     return entries;
+}
+
+/// What the scan learnt of a path it listed, so that classifying it need
+/// not ask the disk again.
+enum class ListedShape : unsigned char {
+    Unknown,      ///< ask the disk
+    Item,         ///< no folder entry: a plug-in file or bundle
+    FolderEntry,  ///< a group or a template, its listing not read
+    Group,        ///< a folder entry whose listing holds no template document of its name
+    Template,     ///< a folder entry whose listing does
+};
+
+struct ListedPath {
+    std::string path;
+    ListedShape shape;
+};
+
+/// The name a Motion template's document carries inside the template's
+/// folder: the folder's name less its extension.
+std::string templateBaseName(const std::string& folderName) {
+    const std::string ext = KTFilePackage::lowerExtension(folderName);
+    return ext.empty() ? folderName : folderName.substr(0, folderName.size() - ext.size() - 1);
 }
 
 /// Whether `folder` is `path` or holds it (both canonical).
@@ -113,10 +135,19 @@ class ScanWalk {
           includeFolders_(includeFolders),
           ignoreFxFactory_(ignoreFxFactory) {}
 
-    std::optional<std::vector<std::string>> scan(const std::string& folder);
+    /// The paths below one folder of the listing, with what the walk learnt
+    /// of each; nothing when the folder cannot be listed.
+    std::optional<std::vector<ListedPath>> scan(const std::string& folder);
 
   private:
     using Identity = std::pair<dev_t, ino_t>;
+
+    /// Lists `plain` (already known to be a folder not walked before) and
+    /// appends what it holds to `out`. False when it cannot be listed.
+    /// `holdsOwnTemplate` tells whether the listing holds the template
+    /// document named after the folder.
+    bool list(const std::string& plain, const std::string& asGiven, std::vector<ListedPath>& out,
+              bool& holdsOwnTemplate);
 
     /// Why the link at `link` (leading to the folder `st`) is not followed,
     /// or nothing. `top` for a folder of the listing itself, which may lie
@@ -191,15 +222,14 @@ std::string shortNameForPath(const std::string& path) {
 /// Whether a folder is an entry of its own (a group or a Motion template)
 /// rather than a bundle: not a package, extension empty, "localized" or numeric.
 bool isFolderEntry(const std::string& path) {
-    if (!isFolder(path) || KTFilePackage::isFilePackage(path)) return false;
+    // The name first: most paths are bundles their extension already tells.
     std::string ext = KTFilePackage::lowerExtension(path);
-    return ext.empty() || ext == "localized" || KTPluginLocations::isNumeric(ext);
+    if (!ext.empty() && ext != "localized" && !KTPluginLocations::isNumeric(ext)) return false;
+    return isFolder(path) && !KTFilePackage::isFilePackage(path);
 }
 
 bool isMotionTemplateFolder(const std::string& path) {
-    std::string base = std::filesystem::path(path).filename().string();
-    std::string ext = KTFilePackage::lowerExtension(base);
-    if (!ext.empty()) base = base.substr(0, base.size() - ext.size() - 1);
+    const std::string base = templateBaseName(std::filesystem::path(path).filename().string());
     for (const char* e : {"moti", "motn", "moef", "motr"}) {
         struct stat st {};
         if (::lstat(join(path, base + "." + e).c_str(), &st) == 0) return true;
@@ -209,22 +239,34 @@ bool isMotionTemplateFolder(const std::string& path) {
 
 }  // namespace
 
-std::set<std::string> AppController::fileExtensionsInFileArray(const std::vector<std::string>& names) {
+std::set<std::string> AppController::fileExtensionsInFileArray(
+    const std::vector<std::string>& names) {
     std::set<std::string> out;
     for (const auto& n : names) out.insert(KTFilePackage::lowerExtension(n));
     return out;
 }
 
-std::optional<std::vector<std::string>> AppController::scanPluginsInFolder(const std::string& folder,
-                                                                           bool includeFolders) {
+namespace {
+std::vector<std::string> pathsOf(std::vector<ListedPath>&& listed) {
+    std::vector<std::string> paths;
+    paths.reserve(listed.size());
+    for (auto& l : listed) paths.push_back(std::move(l.path));
+    return paths;
+}
+}  // namespace
+
+std::optional<std::vector<std::string>> AppController::scanPluginsInFolder(
+    const std::string& folder, bool includeFolders) {
     ScanWalk walk({folder}, includeFolders,
                   KTPreferences::standard().integerForKey("ignoreFxFactory") == 1);
-    return walk.scan(folder);
+    auto found = walk.scan(folder);
+    if (!found) return std::nullopt;
+    return pathsOf(std::move(*found));
 }
 
 namespace {
-std::optional<std::vector<std::string>> ScanWalk::scan(const std::string& folder) {
-    std::vector<std::string> result;
+std::optional<std::vector<ListedPath>> ScanWalk::scan(const std::string& folder) {
+    std::vector<ListedPath> result;
     std::string plain = folder;
     while (plain.size() > 1 && plain.back() == '/') plain.pop_back();
     struct stat st {};
@@ -241,29 +283,48 @@ std::optional<std::vector<std::string>> ScanWalk::scan(const std::string& folder
         // Bind mounts can loop without a link.
         if (!walked_.insert({st.st_dev, st.st_ino}).second) return result;
     }
+    bool ownTemplate = false;
+    if (!list(plain, folder, result, ownTemplate)) return std::nullopt;
+    return result;
+}
 
+bool ScanWalk::list(const std::string& plain, const std::string& asGiven,
+                    std::vector<ListedPath>& result, bool& holdsOwnTemplate) {
     std::string error;
     auto entries = listFolder(plain, error);
     if (!entries) {
-        KTLog::appendLog("Error getting contents of directory %@ - %@", folder, error);
-        return std::nullopt;
+        KTLog::appendLog("Error getting contents of directory %@ - %@", asGiven, error);
+        return false;
     }
+    std::vector<std::string> exts;
+    exts.reserve(entries->size());
     bool holdsTemplate = false;
+    const std::string own = templateBaseName(plain.substr(plain.rfind('/') + 1));
     for (const auto& e : *entries) {
-        if (isTemplateDocumentExtension(KTFilePackage::lowerExtension(e.name)))
+        exts.push_back(KTFilePackage::lowerExtension(e.name));
+        if (isTemplateDocumentExtension(exts.back())) {
             holdsTemplate = true;
+            for (const char* doc : {".moti", ".motn", ".moef", ".motr"})
+                if (e.name == own + doc) holdsOwnTemplate = true;
+        }
     }
 
-    for (const auto& [name, type] : *entries) {
+    for (std::size_t i = 0; i < entries->size(); ++i) {
+        const auto& [name, type] = (*entries)[i];
+        const std::string& ext = exts[i];
         const std::string full = join(plain, name);
-        const std::string ext = KTFilePackage::lowerExtension(name);
-        if (isTemplateDocumentExtension(ext)) return result;  // the folder is a template: its parent lists it
+        if (isTemplateDocumentExtension(ext))
+            return true;  // the folder is a template: its parent lists it
         if (isListedPluginExtension(ext)) {
-            result.push_back(full);
+            // Its extension alone says it is no group and no template.
+            result.push_back({full, ListedShape::Item});
             continue;
         }
-        if (KTFinderInfo::typeCode(full) == KTFinderInfo::kFxScriptType) {
-            result.push_back(full);
+        // A folder has no file type of its own (that is a file's): only
+        // what may be a file is asked for one.
+        if (type != DT_DIR && KTFinderInfo::typeCode(full) == KTFinderInfo::kFxScriptType) {
+            result.push_back({full, type == DT_LNK || type == DT_UNKNOWN ? ListedShape::Unknown
+                                                                         : ListedShape::Item});
             continue;
         }
         if (!ext.empty() && ext != "localized" && !KTPluginLocations::isNumeric(ext)) continue;
@@ -290,13 +351,18 @@ std::optional<std::vector<std::string>> ScanWalk::scan(const std::string& folder
         } else if (walked_.count({sub.st_dev, sub.st_ino})) {
             continue;
         }
+        std::size_t self = result.size();
         if (includeFolders_) {
             if (name == "Media" && holdsTemplate) continue;  // a template's media, not a group
-            result.push_back(full);
+            result.push_back({full, ListedShape::FolderEntry});
         }
-        if (auto found = scan(full)) result.insert(result.end(), found->begin(), found->end());
+        // Checked above, link or not: the folder is listed as it is found.
+        walked_.insert({sub.st_dev, sub.st_ino});
+        bool subTemplate = false;
+        if (list(full, full, result, subTemplate) && includeFolders_)
+            result[self].shape = subTemplate ? ListedShape::Template : ListedShape::Group;
     }
-    return result;
+    return true;
 }
 }  // namespace
 
@@ -310,7 +376,8 @@ std::vector<std::string> AppController::listPlugins(bool includeDisabled, bool i
     return listPlugins(includeDisabled, includeFolders, folders);
 }
 
-std::vector<std::string> AppController::foldersForFilter(int filter, const KTPluginFolderDict& dict) {
+std::vector<std::string> AppController::foldersForFilter(int filter,
+                                                         const KTPluginFolderDict& dict) {
     static const std::vector<std::vector<std::string>> kFilters = {
         {},
         {"localFxPlug", "userFxPlug", "localFxScript", "userFxScript", "localAU", "userAU",
@@ -339,14 +406,16 @@ std::vector<std::string> AppController::foldersForFilter(int filter, const KTPlu
     return folders;
 }
 
-std::vector<std::string> AppController::listFilteredPlugins(bool includeDisabled, bool includeFolders) {
+std::vector<std::string> AppController::listFilteredPlugins(bool includeDisabled,
+                                                            bool includeFolders) {
     int filter = static_cast<int>(KTPreferences::standard().integerForKey("filter"));
     return listPlugins(includeDisabled, includeFolders,
                        foldersForFilter(filter, KTPluginLocations::pluginFolderDict()));
 }
 
-std::vector<std::string> AppController::listPlugins(bool includeDisabled, bool includeFolders,
-                                                    const std::vector<std::string>& folders) {
+namespace {
+std::vector<ListedPath> listWithShapes(bool includeDisabled, bool includeFolders,
+                                       const std::vector<std::string>& folders) {
     KTLog::appendLog("Generating list of plugins...");
     const bool ignoreFxFactory = KTPreferences::standard().integerForKey("ignoreFxFactory") == 1;
     std::vector<std::string> scanned;
@@ -355,30 +424,44 @@ std::vector<std::string> AppController::listPlugins(bool includeDisabled, bool i
             scanned.push_back(pass == 0 ? folder : KTPluginLocations::disabledPathForPath(folder));
     }
     ScanWalk walk(scanned, includeFolders, ignoreFxFactory);
-    std::vector<std::string> result;
+    std::vector<ListedPath> result;
     for (const auto& folder : scanned) {
         if (auto found = walk.scan(folder))
-            result.insert(result.end(), found->begin(), found->end());
+            result.insert(result.end(), std::make_move_iterator(found->begin()),
+                          std::make_move_iterator(found->end()));
     }
     return result;
 }
 
-void AppController::processPluginAtPath(const std::string& path) {
-    int filter = static_cast<int>(KTPreferences::standard().integerForKey("filter"));
-    processPluginAtPath(path, filter, KTPluginLocations::pluginFolderDict(),
-                        KTPluginLocations::disabledPath());
-}
-
-void AppController::processPluginAtPath(const std::string& path, int filter,
-                                        const KTPluginFolderDict& dict,
-                                        const std::string& disabledPath) {
+/// Classifies one listed path and adds it to the tree (the body of
+/// `processPluginAtPath:filter:pluginFolderDict:disabledPath:`).
+void classifyPath(OutlineViewController& outline, const ListedPath& listed,
+                  const KTPluginFolderDict& dict, const std::string& disabledPath) {
+    const std::string& path = listed.path;
     KTLog::fastAppendLog("Processing plugin %@", path);
-    const bool folderEntry = isFolderEntry(path);
-    const bool isGroup = folderEntry && !isMotionTemplateFolder(path);
+    bool folderEntry, isGroup;
+    switch (listed.shape) {
+        case ListedShape::Item:
+            folderEntry = isGroup = false;
+            break;
+        case ListedShape::Group:
+        case ListedShape::Template:
+            folderEntry = true;
+            isGroup = listed.shape == ListedShape::Group;
+            break;
+        case ListedShape::FolderEntry:
+            folderEntry = true;
+            isGroup = !isMotionTemplateFolder(path);
+            break;
+        default:
+            folderEntry = isFolderEntry(path);
+            isGroup = folderEntry && !isMotionTemplateFolder(path);
+    }
 
     std::string cut = path;
     long long enabled = 1;
-    if (path.size() > disabledPath.size() + 1 && path.compare(0, disabledPath.size(), disabledPath) == 0) {
+    if (path.size() > disabledPath.size() + 1 &&
+        path.compare(0, disabledPath.size(), disabledPath) == 0) {
         cut = path.substr(disabledPath.size());
         // The rest mirrors the plug-in's path as a host sees it; map it back
         // onto this machine's system root.
@@ -389,13 +472,27 @@ void AppController::processPluginAtPath(const std::string& path, int filter,
     std::int64_t kind = -1, access = -1;
     std::string base;
     static const std::pair<const char*, std::pair<int, int>> kClassification[] = {
-        {"localFxPlug", {0, 0}},  {"userFxPlug", {0, 1}},  {"localFxScript", {1, 0}},
-        {"userFxScript", {1, 1}}, {"localAU", {2, 0}},     {"userAU", {2, 1}},
-        {"avidAVX", {3, 0}},      {"avidAVX2", {5, 0}},    {"avidRTAS", {6, 0}},
-        {"adobeCommon", {4, 0}},  {"localVST", {7, 0}},    {"userVST", {7, 1}},
-        {"localVST2", {11, 0}},   {"userVST2", {11, 1}},   {"localVST3", {12, 0}},
-        {"userVST3", {12, 1}},    {"localMotionTemplate", {8, 0}}, {"userMotionTemplate", {8, 1}},
-        {"localOFX", {9, 0}},     {"localQuartz", {10, 0}}, {"userQuartz", {10, 1}},
+        {"localFxPlug", {0, 0}},
+        {"userFxPlug", {0, 1}},
+        {"localFxScript", {1, 0}},
+        {"userFxScript", {1, 1}},
+        {"localAU", {2, 0}},
+        {"userAU", {2, 1}},
+        {"avidAVX", {3, 0}},
+        {"avidAVX2", {5, 0}},
+        {"avidRTAS", {6, 0}},
+        {"adobeCommon", {4, 0}},
+        {"localVST", {7, 0}},
+        {"userVST", {7, 1}},
+        {"localVST2", {11, 0}},
+        {"userVST2", {11, 1}},
+        {"localVST3", {12, 0}},
+        {"userVST3", {12, 1}},
+        {"localMotionTemplate", {8, 0}},
+        {"userMotionTemplate", {8, 1}},
+        {"localOFX", {9, 0}},
+        {"localQuartz", {10, 0}},
+        {"userQuartz", {10, 1}},
     };
     for (const auto& [key, codes] : kClassification) {
         auto value = KTPluginLocations::folderForKey(dict, key);
@@ -408,9 +505,11 @@ void AppController::processPluginAtPath(const std::string& path, int filter,
     }
 
     std::string subdir;
-    std::string parent = *KTLocalPaths::ensureTrailingSlash(KTPluginLocations::deletingLastPathComponent(cut));
+    std::string parent =
+        *KTLocalPaths::ensureTrailingSlash(KTPluginLocations::deletingLastPathComponent(cut));
     std::string baseSlash = *KTLocalPaths::ensureTrailingSlash(base);
-    if (!base.empty() && parent.size() > baseSlash.size() && parent.compare(0, baseSlash.size(), baseSlash) == 0)
+    if (!base.empty() && parent.size() > baseSlash.size() &&
+        parent.compare(0, baseSlash.size(), baseSlash) == 0)
         subdir = parent.substr(baseSlash.size());
     else if (base.empty())
         subdir = "";
@@ -422,12 +521,30 @@ void AppController::processPluginAtPath(const std::string& path, int filter,
         std::string groupSubdir = subdir.empty() ? fileName : subdir + "/" + fileName;
         std::string basePath = *KTLocalPaths::stripTrailingSlash(base);
         if (enabled == 0) basePath = KTPluginLocations::disabledPathForPath(basePath);
-        outline_->addGroup(groupSubdir, basePath);
+        outline.addGroup(groupSubdir, basePath);
         return;
     }
     std::optional<std::string> sub;
     if (!subdir.empty()) sub = subdir;
-    outline_->addPlugin(fileName, shortNameForPath(path), sub, "", kind, access, enabled);
+    outline.addPlugin(fileName, shortNameForPath(path), sub, "", kind, access, enabled, path);
+}
+}  // namespace
+
+std::vector<std::string> AppController::listPlugins(bool includeDisabled, bool includeFolders,
+                                                    const std::vector<std::string>& folders) {
+    return pathsOf(listWithShapes(includeDisabled, includeFolders, folders));
+}
+
+void AppController::processPluginAtPath(const std::string& path) {
+    int filter = static_cast<int>(KTPreferences::standard().integerForKey("filter"));
+    processPluginAtPath(path, filter, KTPluginLocations::pluginFolderDict(),
+                        KTPluginLocations::disabledPath());
+}
+
+void AppController::processPluginAtPath(const std::string& path, int /*filter*/,
+                                        const KTPluginFolderDict& dict,
+                                        const std::string& disabledPath) {
+    classifyPath(*outline_, {path, ListedShape::Unknown}, dict, disabledPath);
 }
 
 void AppController::loadPluginData() {
@@ -447,20 +564,29 @@ void AppController::loadPluginData() {
             std::filesystem::create_directories(disabled, ec);
 
         KTPluginLocations::FolderCache folderCache;
-        std::vector<std::string> paths = listFilteredPlugins(true, true);
         const int filter = static_cast<int>(KTPreferences::standard().integerForKey("filter"));
+        std::vector<ListedPath> listed = listWithShapes(
+            true, true, foldersForFilter(filter, KTPluginLocations::pluginFolderDict()));
         const KTPluginFolderDict dict = KTPluginLocations::pluginFolderDict();
         {
-            unsigned workers = std::max(3u, std::min(8u, std::thread::hardware_concurrency()));
-            KTOperationQueue queue(workers);
-            for (const auto& p : paths) {
-                queue.addOperation([this, p, filter, &dict, &disabled] {
-                    processPluginAtPath(p, filter, dict, disabled);
+            // At most 3 at a time, and no more than there are processors: the
+            // work is system calls, and threads beyond the processors only
+            // wait for each other's locks. Each operation takes a run of
+            // paths, so that handing work over costs little beside it.
+            const unsigned cpus = std::max(1u, std::thread::hardware_concurrency());
+            KTOperationQueue queue(std::min(3u, cpus));
+            const std::size_t run = std::clamp<std::size_t>(listed.size() / (8 * cpus), 1, 64);
+            for (std::size_t first = 0; first < listed.size(); first += run) {
+                const std::size_t last = std::min(listed.size(), first + run);
+                queue.addOperation([this, first, last, &listed, &dict, &disabled] {
+                    OutlineViewController::DeferredAppends appends(*outline_);
+                    for (std::size_t i = first; i < last; ++i)
+                        classifyPath(*outline_, listed[i], dict, disabled);
                 });
             }
             queue.waitUntilAllOperationsAreFinished();
         }
-        outline_->setLoadedPaths(std::move(paths));
+        outline_->setLoadedPaths(pathsOf(std::move(listed)));
         outline_->setLoading(false);
         KTLog::appendLog("Refreshing data...");
         KTMainThread::shared().runAndWait([this] {

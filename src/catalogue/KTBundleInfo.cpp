@@ -5,8 +5,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cctype>
+#include <cerrno>
 #include <filesystem>
 #include <sstream>
 
@@ -19,14 +19,22 @@ namespace fs = std::filesystem;
 
 namespace {
 
-bool readSmallFile(const fs::path& p, std::string& out, std::size_t limit = 4 << 20) {
-    // One open and one fstat: a bundle is read once per plug-in per load.
+enum class Opened { Read, Missing, Refused };
+
+/// Reads a regular file of at most `limit` bytes: one open, one fstat and
+/// the reads, a bundle being read once per plug-in per load. `Missing` when
+/// nothing is at the path or a component above it is no folder (ENOENT,
+/// ENOTDIR) or the path is no regular file; `Refused` when it is one that
+/// cannot be opened or is too big.
+Opened readRegularFile(const fs::path& p, std::string& out, std::size_t limit = 4 << 20) {
     const int fd = ::open(p.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0) return false;
+    if (fd < 0) return errno == ENOENT || errno == ENOTDIR ? Opened::Missing : Opened::Refused;
     struct stat st {};
-    bool ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
-              static_cast<std::size_t>(st.st_size) <= limit;
-    if (ok) {
+    Opened result = Opened::Refused;
+    const bool known = ::fstat(fd, &st) == 0;
+    if (known && !S_ISREG(st.st_mode)) result = Opened::Missing;
+    if (known && S_ISREG(st.st_mode) && static_cast<std::size_t>(st.st_size) <= limit) {
+        result = Opened::Read;
         out.resize(static_cast<std::size_t>(st.st_size));
         std::size_t done = 0;
         while (done < out.size()) {
@@ -38,7 +46,11 @@ bool readSmallFile(const fs::path& p, std::string& out, std::size_t limit = 4 <<
         out.resize(done);
     }
     ::close(fd);
-    return ok;
+    return result;
+}
+
+bool readSmallFile(const fs::path& p, std::string& out, std::size_t limit = 4 << 20) {
+    return readRegularFile(p, out, limit) == Opened::Read;
 }
 
 /// The localisation folders of a bundle's resources, English first.
@@ -60,10 +72,9 @@ std::vector<fs::path> localisations(const fs::path& resources) {
         std::string s = p.stem().string();
         return s == "en" ? 0 : s == "English" ? 1 : s == "Base" ? 3 : 2;
     };
-    std::sort(preferred.begin(), preferred.end(),
-              [&](const fs::path& a, const fs::path& b) {
-                  return rank(a) != rank(b) ? rank(a) < rank(b) : a < b;
-              });
+    std::sort(preferred.begin(), preferred.end(), [&](const fs::path& a, const fs::path& b) {
+        return rank(a) != rank(b) ? rank(a) < rank(b) : a < b;
+    });
     std::sort(others.begin(), others.end());
     preferred.insert(preferred.end(), others.begin(), others.end());
     return preferred;
@@ -72,7 +83,7 @@ std::vector<fs::path> localisations(const fs::path& resources) {
 /// The InfoPlist.strings tables of a bundle's localisations, English
 /// first; each folder is listed and each table parsed once, when first asked.
 class LocalisedStrings {
-public:
+  public:
     explicit LocalisedStrings(fs::path resources) : resources_(std::move(resources)) {}
 
     /// Whether a table was refused (and logged): the bundle is not to be believed.
@@ -102,7 +113,7 @@ public:
         return std::nullopt;
     }
 
-private:
+  private:
     fs::path resources_;
     bool loaded_ = false;
     bool refused_ = false;
@@ -142,16 +153,30 @@ std::string KTBundleInfo::infoPlistPath(const std::string& bundlePath) {
     return {};
 }
 
-KTBundleInfo KTBundleInfo::read(const std::string& bundlePath) {
+KTBundleInfo KTBundleInfo::read(const std::string& bundlePath, Detail detail) {
     KTBundleInfo info;
-    std::error_code ec;
-    if (!fs::is_directory(bundlePath, ec)) return info;
-    info.isBundle = true;
-
-    const std::string plistPath = infoPlistPath(bundlePath);
-    if (plistPath.empty()) return info;
+    // The Info.plist is opened where it should be, and only what fails is
+    // looked at further: most plug-ins are bundles with Contents/Info.plist.
     std::string bytes;
-    if (!readSmallFile(plistPath, bytes)) return info;
+    std::string plistPath = (fs::path(bundlePath) / "Contents" / "Info.plist").string();
+    Opened opened = readRegularFile(plistPath, bytes);
+    std::error_code ec;
+    // Refused for want of a look into Contents: the flat place may still hold one.
+    if (opened == Opened::Refused && !fs::is_regular_file(plistPath, ec)) opened = Opened::Missing;
+    if (opened == Opened::Missing) {
+        plistPath = (fs::path(bundlePath) / "Info.plist").string();
+        opened = readRegularFile(plistPath, bytes);
+        if (opened == Opened::Missing) {
+            info.isBundle = fs::is_directory(bundlePath, ec);
+            return info;
+        }
+    }
+    if (opened == Opened::Refused) {
+        // Neither missing nor readable: as a bundle whose plist cannot be read.
+        info.isBundle = fs::is_directory(bundlePath, ec);
+        return info;
+    }
+    info.isBundle = true;
     // A refused file leaves the details empty; the item keeps what the scan gave it.
     std::string refused;
     KTPlistPtr plist = KTPlist::fromMemory(bytes, &refused);
@@ -173,9 +198,10 @@ KTBundleInfo KTBundleInfo::read(const std::string& bundlePath) {
     info.version = stringOrNumber(plist.get(), "CFBundleShortVersionString");
     if (!info.version) info.version = stringOrNumber(plist.get(), "CFBundleVersion");
 
+    if (detail == Detail::NamesAndVersion) return info;
     if (auto exe = KTPlist::stringForKey(plist.get(), "CFBundleExecutable"); exe && !exe->empty()) {
         // A name with a slash would leave the bundle; plug-ins are not trusted.
-        if (exe->find('/') == std::string::npos && *exe != ".." ) {
+        if (exe->find('/') == std::string::npos && *exe != "..") {
             fs::path binary = hasContents ? top / "MacOS" / *exe : top / *exe;
             info.architectures = KTMachO::labels(KTMachO::cpuTypesOfFile(binary.string()));
         }

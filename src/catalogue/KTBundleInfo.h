@@ -14,7 +14,10 @@ struct KTBundleInfo {
     std::optional<std::string> version;  ///< short version string before the build version
     std::vector<std::string> architectures;
 
-    static KTBundleInfo read(const std::string& bundlePath);
+    /// How much to read: everything, or the name and version alone (the
+    /// Info.plist and the localised strings, not the executable).
+    enum class Detail { All, NamesAndVersion };
+    static KTBundleInfo read(const std::string& bundlePath, Detail detail = Detail::All);
 
     /// The bundle's Info.plist: Contents/Info.plist, or Info.plist at the top
     /// of a bundle without Contents. Empty when there is none.

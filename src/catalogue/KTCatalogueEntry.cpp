@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <unordered_map>
 #include <unordered_set>
 
 #include "SharedFiles/KTLocalPaths.h"
@@ -137,6 +138,23 @@ std::vector<KTCatalogueEntry> KTCatalogueEntry::collect(AppController& app) {
     std::vector<std::shared_ptr<KTPluginItem>> rest;
     for (const auto& item : outline.allPlugins())
         if (item && !seen.count(item.get())) rest.push_back(item);
+    // The rest (templates, which are folders) in the order the load listed
+    // them, not in the tree's order: that depends on which worker of the load
+    // came first, and "found first" must not change from one run to the next.
+    {
+        std::unordered_map<std::string, std::size_t> order;
+        const std::vector<std::string> loaded = outline.loadedPaths();
+        for (std::size_t i = 0; i < loaded.size(); ++i) order.emplace(loaded[i], i);
+        std::vector<std::pair<std::size_t, std::shared_ptr<KTPluginItem>>> ranked;
+        for (auto& item : rest) {
+            auto it = order.find(item->actualPath());
+            ranked.emplace_back(it == order.end() ? loaded.size() : it->second, std::move(item));
+        }
+        std::stable_sort(ranked.begin(), ranked.end(),
+                         [](const auto& a, const auto& b) { return a.first < b.first; });
+        rest.clear();
+        for (auto& r : ranked) rest.push_back(std::move(r.second));
+    }
     for (std::size_t i = 0; i < paths.size(); ++i) {
         if (found[i]) continue;
         for (auto it = rest.begin(); it != rest.end(); ++it) {

@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 namespace {
 
 constexpr std::uint32_t kMH_MAGIC = 0xfeedface;
@@ -65,9 +67,13 @@ std::vector<std::int32_t> KTMachO::cpuTypesOfFile(const std::string& path) {
         return {};
     }
     std::uint8_t buf[kHeaderBytes];
+    // No more than the file holds: a short executable then takes one read,
+    // not a second one to learn that it has ended.
+    const std::size_t want =
+        std::min<std::size_t>(sizeof buf, static_cast<std::size_t>(std::max<off_t>(st.st_size, 0)));
     std::size_t got = 0;
-    while (got < sizeof buf) {
-        ssize_t n = ::read(fd, buf + got, sizeof buf - got);
+    while (got < want) {
+        ssize_t n = ::read(fd, buf + got, want - got);
         if (n <= 0) break;
         got += static_cast<std::size_t>(n);
     }

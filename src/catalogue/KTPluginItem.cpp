@@ -21,7 +21,8 @@ KTPluginItem::BundleInspector& inspectorSlot() {
 std::atomic<std::uint64_t> gRenames{0};
 
 bool endsWithComponent(const std::string& path, const std::string& name) {
-    return path.size() > name.size() && path.compare(path.size() - name.size(), name.size(), name) == 0 &&
+    return path.size() > name.size() &&
+           path.compare(path.size() - name.size(), name.size(), name) == 0 &&
            path[path.size() - name.size() - 1] == '/';
 }
 
@@ -45,7 +46,33 @@ KTPluginItem::KTPluginItem(const std::string& fileName, std::int64_t pluginType,
     itemSelection_ = 0;
     actualPath_ = pluginPath();
     setLockStatus();
+    startInspectionThread();
+}
 
+KTPluginItem::KTPluginItem(const std::string& fileName, const std::optional<std::string>& subdir,
+                           std::int64_t pluginType, std::int64_t pluginAccess,
+                           long long pluginEnabled, const std::string& listedPath) {
+    fileName_ = fileName;
+    pluginType_ = pluginType;
+    pluginAccess_ = pluginAccess;
+    pluginEnabled_ = pluginEnabled;
+    itemSelection_ = 0;
+    // As the plain initialiser followed by setting the sub-folder: the whole
+    // place where something exists there (where the scan has just seen the
+    // plug-in, it does), else the place without the sub-folder.
+    subdir_ = subdir;
+    actualPath_ = pluginPath();
+    if (subdir && !subdir->empty() && actualPath_ != listedPath &&
+        !KTPluginLocations::fileExists(actualPath_)) {
+        subdir_.reset();
+        actualPath_ = pluginPath();
+        subdir_ = subdir;
+    }
+    setLockStatus();
+    startInspectionThread();
+}
+
+void KTPluginItem::startInspectionThread() {
     BundleInspector inspector;
     {
         std::lock_guard<std::mutex> lock(inspectorMutex());
@@ -105,7 +132,9 @@ void KTPluginItem::setArchitectures(const std::vector<std::string>& v) {
     architectures_ = v;
 }
 
-std::uint64_t KTPluginItem::renameCount() { return gRenames.load(); }
+std::uint64_t KTPluginItem::renameCount() {
+    return gRenames.load();
+}
 
 void KTPluginItem::setFileName(const std::string& v) {
     if (v != fileName_) ++gRenames;
@@ -242,8 +271,8 @@ bool KTPluginItem::isNumeric(const std::string& text) {
     return KTPluginLocations::isNumeric(text);
 }
 
-void KTPluginItem::populateBundleInfo() {
-    KTBundleInfo info = KTBundleInfo::read(actualPath());
+void KTPluginItem::populateBundleInfo(KTBundleInfo::Detail detail) {
+    KTBundleInfo info = KTBundleInfo::read(actualPath(), detail);
     if (!info.isBundle) return;
     if (info.name) setShortName(*info.name);
     if (info.version) setVersion(*info.version);

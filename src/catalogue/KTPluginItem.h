@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "catalogue/KTBundleInfo.h"
 #include "catalogue/KTItem.h"
 
 /// One plug-in file or bundle of the catalogue.
@@ -32,6 +33,13 @@ class KTPluginItem : public KTItem {
     /// then starts the bundle inspection thread (when an inspector is installed).
     KTPluginItem(const std::string& fileName, std::int64_t pluginType, std::int64_t pluginAccess,
                  long long pluginEnabled);
+    /// The catalogue's form of the same: the group sub-folder is given at once
+    /// and `listedPath` is where the scan has just seen the plug-in, so neither
+    /// the place nor the lock marker is looked for before the item's path is
+    /// whole; the lock status is then read once, there.
+    KTPluginItem(const std::string& fileName, const std::optional<std::string>& subdir,
+                 std::int64_t pluginType, std::int64_t pluginAccess, long long pluginEnabled,
+                 const std::string& listedPath);
     /// Asks a running inspection thread to stop and waits for it.
     ~KTPluginItem() override;
 
@@ -101,7 +109,7 @@ class KTPluginItem : public KTItem {
     /// Reads the bundle at `actualPath` into the item: display name, version
     /// and architecture labels. A plain file (a script, a template document)
     /// keeps what the scan gave it.
-    void populateBundleInfo();
+    void populateBundleInfo(KTBundleInfo::Detail detail = KTBundleInfo::Detail::All);
 
     /// The work of the inspection thread (reads the bundle at `actualPath`
     /// and fills in name, version and architectures); it should return soon
@@ -114,6 +122,8 @@ class KTPluginItem : public KTItem {
     void waitForBundleInfo();
 
   private:
+    void startInspectionThread();
+
     mutable std::mutex detailsMutex_;  // shortName_, version_, architectures_, actualPath_
     std::string shortName_;
     std::string fileName_;

@@ -3,10 +3,10 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <mutex>
 #include <filesystem>
 #include <functional>
-#include <regex>
+#include <map>
+#include <mutex>
 
 #include "SharedFiles/KTLocalPaths.h"
 #include "SharedFiles/KTWorkspace.h"
@@ -78,16 +78,27 @@ std::string KTPluginLocations::pluginTypeName(std::int64_t type) {
     }
 }
 
-std::string KTPluginLocations::disabledPath() {
-    return appendPathComponent(KTLocalPaths::appSupportDirectory(false), kDisabledSubpath);
-}
-
 namespace {
 std::mutex gFolderCacheLock;
 int gFolderCacheDepth = 0;
 std::optional<std::string> gCachedAdobeFolder;  // without the trailing slash
 std::optional<KTPluginFolderDict> gCachedFolderDict;
+std::optional<std::string> gCachedDisabledPath;
+/// Kind folders by kind and scope (true for the current user).
+std::map<std::pair<std::int64_t, bool>, std::string> gCachedBasePaths;
 }  // namespace
+
+std::string KTPluginLocations::disabledPath() {
+    {
+        std::lock_guard<std::mutex> l(gFolderCacheLock);
+        if (gFolderCacheDepth > 0 && gCachedDisabledPath) return *gCachedDisabledPath;
+    }
+    std::string path =
+        appendPathComponent(KTLocalPaths::appSupportDirectory(false), kDisabledSubpath);
+    std::lock_guard<std::mutex> l(gFolderCacheLock);
+    if (gFolderCacheDepth > 0) gCachedDisabledPath = path;
+    return path;
+}
 
 KTPluginLocations::FolderCache::FolderCache() {
     std::lock_guard<std::mutex> l(gFolderCacheLock);
@@ -99,6 +110,8 @@ KTPluginLocations::FolderCache::~FolderCache() {
     if (--gFolderCacheDepth == 0) {
         gCachedAdobeFolder.reset();
         gCachedFolderDict.reset();
+        gCachedDisabledPath.reset();
+        gCachedBasePaths.clear();
     }
 }
 
@@ -144,6 +157,23 @@ std::string KTPluginLocations::findAdobeFolder() {
 }
 
 std::string KTPluginLocations::pluginBasePath(std::int64_t type, std::int64_t access) {
+    // Every item forms its path from this, several times per load and per
+    // move; the user's folder alone cost a system call each time.
+    const std::pair<std::int64_t, bool> key(type, access != 0);
+    {
+        std::lock_guard<std::mutex> l(gFolderCacheLock);
+        if (gFolderCacheDepth > 0) {
+            if (auto hit = gCachedBasePaths.find(key); hit != gCachedBasePaths.end())
+                return hit->second;
+        }
+    }
+    std::string path = findBasePath(type, access);
+    std::lock_guard<std::mutex> l(gFolderCacheLock);
+    if (gFolderCacheDepth > 0) gCachedBasePaths.emplace(key, path);
+    return path;
+}
+
+std::string KTPluginLocations::findBasePath(std::int64_t type, std::int64_t access) {
     const std::string root = scopeRoot(access);
     const bool user = access != 0;
     switch (type) {
@@ -331,9 +361,32 @@ const std::vector<std::string>& KTPluginLocations::pluginExtensions() {
 
 bool KTPluginLocations::isNumeric(const std::string& text) {
     // What a number formatter without style accepts: an optionally signed
-    // decimal, with or without a fraction.
-    static const std::regex number(R"(\s*[+-]?(\d+(\.\d*)?|\.\d+)([eE][+-]?\d+)?\s*)");
-    return !text.empty() && std::regex_match(text, number);
+    // decimal, with or without a fraction, an exponent, and white space
+    // around it. Matched by hand: the scan asks once per entry and path,
+    // and a regular expression cost more than the system call beside it.
+    auto space = [](char c) {
+        return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+    };
+    auto digit = [](char c) { return c >= '0' && c <= '9'; };
+    std::size_t i = 0, n = text.size();
+    while (i < n && space(text[i])) ++i;
+    if (i < n && (text[i] == '+' || text[i] == '-')) ++i;
+    std::size_t whole = 0, fraction = 0;
+    while (i < n && digit(text[i])) ++i, ++whole;
+    if (i < n && text[i] == '.') {
+        ++i;
+        while (i < n && digit(text[i])) ++i, ++fraction;
+    }
+    if (whole == 0 && fraction == 0) return false;  // "", "-", ".", "+."
+    if (i < n && (text[i] == 'e' || text[i] == 'E')) {
+        std::size_t j = i + 1, exponent = 0;
+        if (j < n && (text[j] == '+' || text[j] == '-')) ++j;
+        while (j < n && digit(text[j])) ++j, ++exponent;
+        if (exponent == 0) return false;
+        i = j;
+    }
+    while (i < n && space(text[i])) ++i;
+    return i == n;
 }
 
 std::string KTPluginLocations::appendPathComponent(const std::string& path,

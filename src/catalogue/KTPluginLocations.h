@@ -60,6 +60,8 @@ class KTPluginLocations {
     /// unknown kind. Reads the disk for the Adobe folder and asks the shared
     /// workspace (from its kept list) for Avid Symphony.
     static std::string pluginBasePath(std::int64_t pluginType, std::int64_t pluginAccess);
+    /// The same, worked out afresh whatever a FolderCache holds.
+    static std::string findBasePath(std::int64_t pluginType, std::int64_t pluginAccess);
 
     /// The disabled folder when `pluginEnabled` is 0, otherwise "".
     static std::string pluginTypeDir(long long pluginEnabled);
@@ -93,12 +95,12 @@ class KTPluginLocations {
     /// The Adobe folder read from the disk, without a trailing slash.
     static std::string findAdobeFolder();
 
-    /// While one is alive the Adobe folder and the folder table are worked
-    /// out once and then remembered: a catalogue load or a batch of moves
-    /// forms thousands of paths, and the folders cannot change under it in a
-    /// way the batch could follow anyway.
+    /// While one is alive the Adobe folder, the folder table, the kind
+    /// folders and the disabled folder are worked out once and then remembered: a catalogue load or
+    /// a batch of moves forms thousands of paths, and the folders cannot change under it in a way
+    /// the batch could follow anyway.
     class FolderCache {
-    public:
+      public:
         FolderCache();
         ~FolderCache();
         FolderCache(const FolderCache&) = delete;

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "SharedFiles/KTFormat.h"
+#include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTMainThread.h"
 #include "SharedFiles/KTOperationQueue.h"
 #include "catalogue/KTFilePackage.h"
@@ -99,34 +100,96 @@ std::shared_ptr<KTPluginItem> OutlineViewController::addPlugin(
     const std::optional<std::string>& subdir, const std::string& version, std::int64_t pluginType,
     std::int64_t pluginAccess, long long pluginEnabled) {
     auto item = std::make_shared<KTPluginItem>(fileName, pluginType, pluginAccess, pluginEnabled);
+    {
+        std::lock_guard<std::recursive_mutex> l(treeLock_);
+        item->setSubdir(subdir);
+    }
+    hangNewPlugin(item, shortName, version, true);
+    return item;
+}
+
+std::shared_ptr<KTPluginItem> OutlineViewController::addPlugin(
+    const std::string& fileName, const std::string& shortName,
+    const std::optional<std::string>& subdir, const std::string& version, std::int64_t pluginType,
+    std::int64_t pluginAccess, long long pluginEnabled, const std::string& listedPath) {
+    auto item = std::make_shared<KTPluginItem>(fileName, subdir, pluginType, pluginAccess,
+                                               pluginEnabled, listedPath);
+    hangNewPlugin(item, shortName, version, false);
+    return item;
+}
+
+namespace {
+thread_local OutlineViewController::DeferredAppends* tDeferredAppends = nullptr;
+}  // namespace
+
+OutlineViewController::DeferredAppends::DeferredAppends(OutlineViewController& outline)
+    : outline_(outline), previous_(tDeferredAppends) {
+    tDeferredAppends = this;
+}
+
+OutlineViewController::DeferredAppends::~DeferredAppends() {
+    tDeferredAppends = previous_;
+    try {
+        flush();
+    } catch (const std::exception& e) {
+        KTException::logException(e, "-[OutlineViewController addItemToDataArray:]");
+    }
+}
+
+void OutlineViewController::DeferredAppends::flush() {
+    if (items_.empty()) return;
+    KTItemList items;
+    items.swap(items_);
+    KTMainThread::shared().runAndWait([&] {
+        for (const auto& item : items) outline_.addItemToDataArray(item);
+    });
+}
+
+void OutlineViewController::handToMainThread(const KTItemPtr& item) {
+    if (!item) return;
+    if (tDeferredAppends && &tDeferredAppends->outline_ == this) {
+        tDeferredAppends->items_.push_back(item);
+        return;
+    }
+    KTMainThread::shared().runAndWait([&] { addItemToDataArray(item); });
+}
+
+void OutlineViewController::hangNewPlugin(const std::shared_ptr<KTPluginItem>& item,
+                                          const std::string& shortName, const std::string& version,
+                                          bool recheckLock) {
     // The constructor looked for the lock marker at this path already.
-    const std::string checkedPath = item->actualPath();
+    const std::string checkedPath = recheckLock ? item->actualPath() : std::string();
     KTItemPtr toAppend;
     {
         std::lock_guard<std::recursive_mutex> l(treeLock_);
         item->setVersion(version);
         item->setShortName(shortName);
-        item->setSubdir(subdir);
-        if (!subdir || subdir->empty())
+        if (!item->subdir() || item->subdir()->empty())
             toAppend = item;
         else
             toAppend = groupFromPlugin(item);
-        if (item->actualPath() != checkedPath) item->setLockStatus();
+        if (recheckLock && item->actualPath() != checkedPath) item->setLockStatus();
         ++treeGeneration_;
     }
     // Not under the tree lock: the main thread takes it to append, and a
     // window's main thread is another thread than this one.
-    if (toAppend) KTMainThread::shared().runAndWait([&] { addItemToDataArray(toAppend); });
+    handToMainThread(toAppend);
 
+    const KTBundleInfo::Detail detail = bundleDetail_;
+    if (!hasGUI_) {
+        item->populateBundleInfo(detail);
+        return;
+    }
     // Details fill in later; an item dropped meanwhile is simply skipped.
     std::weak_ptr<KTPluginItem> weak = item;
-    inspectionQueue_->addOperation([weak] {
-        if (auto it = weak.lock()) it->populateBundleInfo();
+    inspectionQueue_->addOperation([weak, detail] {
+        if (auto it = weak.lock()) it->populateBundleInfo(detail);
     });
-    return item;
 }
 
-void OutlineViewController::waitForBundleInspection() { inspectionQueue_->waitUntilAllOperationsAreFinished(); }
+void OutlineViewController::waitForBundleInspection() {
+    inspectionQueue_->waitUntilAllOperationsAreFinished();
+}
 
 std::shared_ptr<KTGroupItem> OutlineViewController::addGroup(const std::string& subdir,
                                                              const std::string& basePath) {
@@ -136,7 +199,7 @@ std::shared_ptr<KTGroupItem> OutlineViewController::addGroup(const std::string& 
         std::lock_guard<std::recursive_mutex> l(treeLock_);
         top = createGroupPath(subdir, basePath, false, &isUnique);
     }
-    if (top && isUnique) KTMainThread::shared().runAndWait([&] { addItemToDataArray(top); });
+    if (top && isUnique) handToMainThread(top);
     return top;
 }
 
@@ -154,8 +217,8 @@ std::shared_ptr<KTGroupItem> OutlineViewController::groupFromPlugin(
     return item->absoluteParent();
 }
 
-std::shared_ptr<KTGroupItem> OutlineViewController::findChildGroup(const KTItemList& list,
-                                                                   const std::string& subdir) const {
+std::shared_ptr<KTGroupItem> OutlineViewController::findChildGroup(
+    const KTItemList& list, const std::string& subdir) const {
     for (const auto& it : list) {
         if (it && it->isGroup()) {
             auto g = std::static_pointer_cast<KTGroupItem>(it);
@@ -182,7 +245,8 @@ std::shared_ptr<KTGroupItem> OutlineViewController::createGroupPath(const std::s
         if (loading_) {
             // During a load thousands of plug-ins look up the same chains.
             auto hit = groupIndex_.find(sofar);
-            if (hit != groupIndex_.end() && (i == 0 ? !hit->second->parent() : hit->second->parent() == current))
+            if (hit != groupIndex_.end() &&
+                (i == 0 ? !hit->second->parent() : hit->second->parent() == current))
                 found = hit->second;
         }
         if (!found) found = findChildGroup(i == 0 ? dataArray_ : current->children(), sofar);
@@ -211,7 +275,8 @@ std::shared_ptr<KTGroupItem> OutlineViewController::createGroupPath(const std::s
     return returnLastObject ? current : top;
 }
 
-std::shared_ptr<KTGroupItem> OutlineViewController::groupMatchingSubdir(const std::string& subdir) const {
+std::shared_ptr<KTGroupItem> OutlineViewController::groupMatchingSubdir(
+    const std::string& subdir) const {
     std::lock_guard<std::recursive_mutex> l(treeLock_);
     std::function<std::shared_ptr<KTGroupItem>(const KTItemList&)> walk =
         [&](const KTItemList& list) -> std::shared_ptr<KTGroupItem> {
@@ -335,7 +400,8 @@ long OutlineViewController::countTotalItemsInArray(const KTItemList& items, long
     long total = 0;
     for (const auto& item : items) {
         if (!item) continue;
-        total += item->isGroup() ? long(static_cast<const KTGroupItem&>(*item).totalChildCount()) : 1;
+        total +=
+            item->isGroup() ? long(static_cast<const KTGroupItem&>(*item).totalChildCount()) : 1;
         if (stopAt > 0 && total >= stopAt) return total;
     }
     return total;

@@ -27,7 +27,7 @@ class KTOutlineView;
 /// list change on its own thread. The operations on plug-ins (enable,
 /// disable, scope, groups, removal) extend this class from operations/.
 class OutlineViewController {
-public:
+  public:
     explicit OutlineViewController(AppController* appController);
     ~OutlineViewController();
     OutlineViewController(const OutlineViewController&) = delete;
@@ -60,16 +60,27 @@ public:
 
     /// Makes a plug-in item and hangs it in the tree (in its group chain when
     /// it has a sub-folder); its bundle is read in the background.
-    std::shared_ptr<KTPluginItem> addPlugin(const std::string& fileName, const std::string& shortName,
+    std::shared_ptr<KTPluginItem> addPlugin(const std::string& fileName,
+                                            const std::string& shortName,
                                             const std::optional<std::string>& subdir,
                                             const std::string& version, std::int64_t pluginType,
                                             std::int64_t pluginAccess, long long pluginEnabled);
+    /// The same for the scan, which has just seen the plug-in at `listedPath`:
+    /// the item is made with its sub-folder, and its place and lock marker
+    /// are looked for once, at its whole path.
+    std::shared_ptr<KTPluginItem> addPlugin(const std::string& fileName,
+                                            const std::string& shortName,
+                                            const std::optional<std::string>& subdir,
+                                            const std::string& version, std::int64_t pluginType,
+                                            std::int64_t pluginAccess, long long pluginEnabled,
+                                            const std::string& listedPath);
     /// The top group of a sub-folder's chain below a base folder, made if missing.
     std::shared_ptr<KTGroupItem> addGroup(const std::string& subdir, const std::string& basePath);
     /// Hangs a plug-in into the group chain of its sub-folder; answers the
     /// chain's top group when it was newly made (the caller appends it).
     std::shared_ptr<KTGroupItem> groupFromPlugin(const std::shared_ptr<KTPluginItem>& item);
-    std::shared_ptr<KTGroupItem> createGroupPath(const std::string& subdir, const std::string& basePath,
+    std::shared_ptr<KTGroupItem> createGroupPath(const std::string& subdir,
+                                                 const std::string& basePath,
                                                  bool returnLastObject = false,
                                                  bool* isUnique = nullptr);
     /// The group whose `subdir` is `subdir`, anywhere in the tree.
@@ -107,6 +118,32 @@ public:
 
     /// Waits until every queued bundle inspection has run.
     void waitForBundleInspection();
+    /// How much of each new plug-in's bundle is read: all (the window, the
+    /// listings) or the name and version alone (the verbs that only move
+    /// plug-ins and name them in the log). Without an interface the bundle
+    /// is read at once on the thread that adds the item, since the caller
+    /// waits for every inspection anyway; with one, in the background.
+    void setBundleDetail(KTBundleInfo::Detail detail) { bundleDetail_ = detail; }
+
+    /// While one is alive on a thread, the top-level items that thread's
+    /// `addPlugin` and `addGroup` make are handed to the main thread together
+    /// (at `flush` or at the end), in the order made, instead of in one
+    /// hand-off each: a load adds thousands, and each hand-off waits for the
+    /// main thread. Groups on their way stay findable meanwhile.
+    class DeferredAppends {
+      public:
+        explicit DeferredAppends(OutlineViewController& outline);
+        ~DeferredAppends();
+        DeferredAppends(const DeferredAppends&) = delete;
+        DeferredAppends& operator=(const DeferredAppends&) = delete;
+        void flush();
+
+      private:
+        friend class OutlineViewController;
+        OutlineViewController& outline_;
+        KTItemList items_;
+        DeferredAppends* previous_;
+    };
 
     // ---- Plug-in operations: enabling and disabling, scope, removal --------
     // (owned by the operations; bodies in src/operations/OutlineViewController*.cpp)
@@ -132,8 +169,8 @@ public:
     /// Enables (non-zero) or disables (0) every plug-in of a group and its
     /// sub-groups; -1 (mixed) does nothing. `threaded` runs the body on a
     /// batch thread of the application controller.
-    void setEnabled(long long enabled, const std::shared_ptr<KTGroupItem>& group,
-                    bool showProgress, bool threaded = true);
+    void setEnabled(long long enabled, const std::shared_ptr<KTGroupItem>& group, bool showProgress,
+                    bool threaded = true);
     void setEnabledForGroupOnThread(const KTGroupEnabledArgs& args);
 
     /// Moves a plug-in, or a group's plug-ins, to the folders of a scope
@@ -208,8 +245,16 @@ public:
     /// Marks a load in progress: group chains are then found through an index.
     void setLoading(bool loading);
 
-private:
-    std::shared_ptr<KTGroupItem> findChildGroup(const KTItemList& list, const std::string& subdir) const;
+  private:
+    /// Sets the names, hangs a new item into the tree, appends what must go
+    /// to the top level and starts the inspection of its bundle.
+    void hangNewPlugin(const std::shared_ptr<KTPluginItem>& item, const std::string& shortName,
+                       const std::string& version, bool recheckLock);
+    /// Appends to the top level from a background thread: through the
+    /// thread's DeferredAppends when it has one, else on the main thread.
+    void handToMainThread(const KTItemPtr& item);
+    std::shared_ptr<KTGroupItem> findChildGroup(const KTItemList& list,
+                                                const std::string& subdir) const;
     void rebuildPathIndex();
 
     AppController* app_;
@@ -234,4 +279,5 @@ private:
     std::uint64_t indexedGeneration_ = ~0ull;
 
     std::unique_ptr<KTOperationQueue> inspectionQueue_;
+    std::atomic<KTBundleInfo::Detail> bundleDetail_{KTBundleInfo::Detail::All};
 };

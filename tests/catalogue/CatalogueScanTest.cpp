@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <set>
 
+#include "SharedFiles/KTFinderInfo.h"
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTPreferences.h"
 #include "app/core/AppController.h"
@@ -26,10 +28,11 @@ std::string plist(const std::string& body) {
 /// A bundle with an Info.plist and, when `cpu` is given, a thin or fat executable.
 void makeBundle(const std::string& path, const std::string& name, const std::string& version,
                 std::vector<uint32_t> cpus = {}) {
-    ScratchRoot::writeFile(path + "/Contents/Info.plist",
-                           plist("<key>CFBundleName</key><string>" + name +
-                                 "</string><key>CFBundleShortVersionString</key><string>" +
-                                 version + "</string><key>CFBundleExecutable</key><string>exe</string>"));
+    ScratchRoot::writeFile(
+        path + "/Contents/Info.plist",
+        plist("<key>CFBundleName</key><string>" + name +
+              "</string><key>CFBundleShortVersionString</key><string>" + version +
+              "</string><key>CFBundleExecutable</key><string>exe</string>"));
     std::string exe;
     auto be = [&](uint32_t v) {
         for (int s = 24; s >= 0; s -= 8) exe += char((v >> s) & 0xff);
@@ -70,7 +73,8 @@ TEST(CatalogueScanTest, GroupsTemplatesAndIgnoredEntries) {
     makeBundle(fx + "/Pack 2.0/Blur.fxplug", "Blur", "2.0");
     makeBundle(fx + "/.Disabled/Hidden.fxplug", "Hidden", "1");
     ScratchRoot::writeFile(fx + "/Stuff.zip", "zip");
-    const std::string tmpl = s.homePath("/Movies/Motion Templates.localized/Titles.localized/Lower");
+    const std::string tmpl =
+        s.homePath("/Movies/Motion Templates.localized/Titles.localized/Lower");
     ScratchRoot::writeFile(tmpl + "/Lower.moti", "doc");
     ScratchRoot::writeFile(tmpl + "/Media/clip.mov", "media");
 
@@ -143,7 +147,8 @@ TEST(CatalogueScanTest, PreferencesChooseFoldersAndHideManagedFolders) {
     makeBundle(fx + "/Managed/Inside.fxplug", "Inside", "1");
     makeBundle(fx + "/Locked.fxplug", "Locked", "1");
     ScratchRoot::writeFile(fx + "/Locked.fxplug/.fxfactory.plist", "");
-    const std::string avx = s.rootPath("/Applications/Avid Media Composer/SupportingFiles/AVX_Plug-Ins");
+    const std::string avx =
+        s.rootPath("/Applications/Avid Media Composer/SupportingFiles/AVX_Plug-Ins");
     makeBundle(avx + "/Key.avx", "Key", "1");
     makeBundle(KTPluginLocations::disabledPath() +
                    "/Applications/Avid Media Composer/SupportingFiles/AVX_Plug-Ins/Off.avx",
@@ -198,8 +203,8 @@ TEST(CatalogueScanTest, HostileTreesAreLoggedAndPassedOver) {
     const std::string vst = s.rootPath("/Library/Audio/Plug-Ins/VST");
     makeBundle(vst + "/Good.vst", "Good", "1");
     fs::create_directories(vst + "/Loop");
-    fs::create_directory_symlink(vst, vst + "/Loop/Back");          // a link to an ancestor
-    fs::create_directory_symlink(vst + "/Self", vst + "/Self");      // a link to itself
+    fs::create_directory_symlink(vst, vst + "/Loop/Back");            // a link to an ancestor
+    fs::create_directory_symlink(vst + "/Self", vst + "/Self");       // a link to itself
     fs::create_symlink(vst + "/Missing.vst", vst + "/Dangling.vst");  // a dangling link
     makeBundle(vst + "/Odd\nName%s \"q\".vst", "%@ 50% done", "1");
     makeBundle(vst + "/Bad\xff\xfe.vst", "Bytes", "1");
@@ -267,4 +272,88 @@ TEST(CatalogueScanTest, LinksAreFollowedOncePerFolderAndNeverOutward) {
     EXPECT_NE(log.find("outside the system root and the home folder"), std::string::npos);
     // The circle is cut where it closes; every group is a real folder once.
     EXPECT_TRUE(c.plugin("A.vst") && c.plugin("B.vst") && c.plugin("C.vst"));
+}
+
+TEST(CatalogueScanTest, WhatTheScanSawDecidesAsTheDiskWould) {
+    ScratchRoot s;
+    const std::string fx = s.rootPath("/Library/Plug-Ins/FxPlug");
+    // The lock marker counts only inside the plug-in itself, not inside a
+    // namesake at the top of the kind folder.
+    makeBundle(fx + "/Blur.fxplug", "Blur", "1");
+    ScratchRoot::writeFile(fx + "/Blur.fxplug/.fxfactory.plist", "");
+    makeBundle(fx + "/Pack/Blur.fxplug", "Blur", "2");
+    makeBundle(fx + "/Pack/Held.fxplug", "Held", "1");
+    ScratchRoot::writeFile(fx + "/Pack/Held.fxplug/.fxfactory.plist", "");
+    // A template is a folder holding the document named after it (less the
+    // folder's extension, exactly); another document only ends the listing.
+    const std::string titles = s.rootPath(
+        "/Library/Application Support/Final Cut Pro/Templates.localized/Titles.localized");
+    ScratchRoot::writeFile(titles + "/Lower.localized/Lower.motn", "doc");
+    ScratchRoot::writeFile(titles + "/Other/Else.moti", "doc");
+    ScratchRoot::writeFile(titles + "/Case/case.moti", "doc");
+    // A compiled FxScript file is listed by its type code, whatever its name.
+    const std::string script =
+        s.rootPath("/Library/Application Support/Final Cut Pro System Support/Plugins/Wipe");
+    ScratchRoot::writeFile(script, "compiled");
+    ASSERT_TRUE(KTFinderInfo::setTypeCode(script, KTFinderInfo::kFxScriptType));
+
+    Catalogue c;
+    c.load();
+    std::vector<std::shared_ptr<KTPluginItem>> blurs;
+    for (auto& p : c.outline().allPlugins())
+        if (p->fileName() == "Blur.fxplug") blurs.push_back(p);
+    ASSERT_EQ(blurs.size(), 2u);
+    for (auto& b : blurs) EXPECT_EQ(b->isLocked(), !b->subdir().has_value()) << b->actualPath();
+    ASSERT_TRUE(c.plugin("Held.fxplug"));
+    EXPECT_TRUE(c.plugin("Held.fxplug")->isLocked());
+    EXPECT_FALSE(c.plugin("Held.fxplug")->isDeletable());
+
+    ASSERT_TRUE(c.plugin("Lower.localized"));
+    EXPECT_EQ(c.plugin("Lower.localized")->pluginType(), KTPluginType::MotionTemplate);
+    EXPECT_FALSE(c.plugin("Other"));
+    EXPECT_FALSE(c.plugin("Case"));
+    EXPECT_TRUE(c.outline().groupMatchingSubdir("Titles.localized/Other"));
+    EXPECT_TRUE(c.outline().groupMatchingSubdir("Titles.localized/Case"));
+
+    ASSERT_TRUE(c.plugin("Wipe"));
+    EXPECT_EQ(c.plugin("Wipe")->pluginType(), KTPluginType::FxScript);
+
+    // The same paths handed over one by one, as the disk tells them, make
+    // the same tree.
+    const auto paths = c.outline().loadedPaths();
+    c.outline().clearData();
+    for (const auto& p : paths) c.app->processPluginAtPath(p);
+    c.outline().waitForBundleInspection();
+    EXPECT_TRUE(c.plugin("Lower.localized"));
+    EXPECT_FALSE(c.plugin("Other"));
+    EXPECT_TRUE(c.plugin("Wipe"));
+    EXPECT_EQ(c.outline().allPlugins().size(), 5u);
+}
+
+TEST(CatalogueScanTest, ManyPathsOverSeveralWorkersHangFromOneTopGroupEach) {
+    ScratchRoot s;
+    const std::string au = s.rootPath("/Library/Audio/Plug-Ins/Components");
+    const std::string off =
+        KTPluginLocations::disabledPath() + "/Library/Audio/Plug-Ins/Components";
+    for (int g = 0; g < 12; ++g) {
+        for (int i = 0; i < 25; ++i) {
+            const std::string name =
+                "G" + std::to_string(g) + "/Sub/P" + std::to_string(i) + ".component";
+            ScratchRoot::makeDirs((i % 3 ? au : off) + "/" + name);
+        }
+        ScratchRoot::makeDirs(au + "/Top" + std::to_string(g) + ".component");
+    }
+    Catalogue c;
+    c.load();
+    EXPECT_EQ(c.outline().allPlugins().size(), 12u * 26u);
+    std::set<std::string> titles;
+    long groups = 0;
+    for (const auto& item : c.outline().dataArray()) {
+        if (!item->isGroup()) continue;
+        ++groups;
+        titles.insert(static_cast<KTGroupItem&>(*item).title());
+    }
+    EXPECT_EQ(groups, 12);
+    EXPECT_EQ(titles.size(), 12u);
+    EXPECT_EQ(OutlineViewController::countTotalItemsInArray(c.outline().dataArray()), 12 * 26);
 }

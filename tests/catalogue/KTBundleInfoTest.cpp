@@ -170,3 +170,34 @@ TEST(KTBundleInfoTest, StringsWithAZeroCharacterAreRefusedWhole) {
     EXPECT_FALSE(KTStringsFile::parse(utf16));
     EXPECT_EQ(KTStringsFile::parse("\"a\" = \"b\";").value_or(KTStringsFile::Table{})["a"], "b");
 }
+
+TEST(KTBundleInfoTest, NamesAloneSkipTheExecutableAndOddPlacesStillFallThrough) {
+    ScratchRoot s;
+    std::string b = s.rootPath("/Glow.fxplug");
+    ScratchRoot::writeFile(b + "/Contents/Info.plist",
+                           infoPlist("<key>CFBundleName</key><string>Glow</string>"
+                                     "<key>CFBundleVersion</key><string>3</string>"
+                                     "<key>CFBundleExecutable</key><string>Glow</string>"));
+    ScratchRoot::writeFile(b + "/Contents/MacOS/Glow", thinX86_64());
+    KTBundleInfo names = KTBundleInfo::read(b, KTBundleInfo::Detail::NamesAndVersion);
+    EXPECT_TRUE(names.isBundle);
+    EXPECT_EQ(names.name.value_or(""), "Glow");
+    EXPECT_EQ(names.version.value_or(""), "3");
+    EXPECT_TRUE(names.architectures.empty());
+    EXPECT_EQ(KTBundleInfo::read(b).architectures, std::vector<std::string>{"64-bit (Intel)"});
+
+    // A folder where Contents/Info.plist should be is no Info.plist: the flat one counts.
+    std::string odd = s.rootPath("/Odd.vst");
+    ScratchRoot::makeDirs(odd + "/Contents/Info.plist");
+    ScratchRoot::writeFile(odd + "/Info.plist",
+                           infoPlist("<key>CFBundleName</key><string>Flat Odd</string>"));
+    EXPECT_EQ(KTBundleInfo::read(odd).name.value_or(""), "Flat Odd");
+
+    // A folder without any Info.plist (a Motion template) is a bundle without details.
+    std::string tmpl = s.rootPath("/Lower");
+    ScratchRoot::writeFile(tmpl + "/Lower.moti", "doc");
+    KTBundleInfo bare = KTBundleInfo::read(tmpl);
+    EXPECT_TRUE(bare.isBundle);
+    EXPECT_FALSE(bare.name || bare.version);
+    EXPECT_FALSE(KTBundleInfo::read(s.rootPath("/Nothing.vst")).isBundle);
+}

@@ -202,9 +202,10 @@ TEST_F(KTPluginLocationsTest, PathForPluginFindsTheFirstExistingPlace) {
 }
 
 TEST(KTPluginLocationsHelpers, NumbersAndPathComponents) {
-    for (const char* yes : {"8.0", "7", "10", "-2", "5.", ".5", "1e3"})
+    for (const char* yes : {"8.0", "7", "10", "-2", "5.", ".5", "1e3", " 7 ", "+.5e-3", "1.E2"})
         EXPECT_TRUE(L::isNumeric(yes)) << yes;
-    for (const char* no : {"", "CS5", "8.0a", "localized", "1.2.3", "."})
+    for (const char* no :
+         {"", "CS5", "8.0a", "localized", "1.2.3", ".", "5e", "e5", "- 1", "+", " "})
         EXPECT_FALSE(L::isNumeric(no)) << no;
 
     EXPECT_EQ(L::appendPathComponent("", "/Library"), "/Library");

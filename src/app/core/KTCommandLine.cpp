@@ -92,10 +92,15 @@ int KTCommandLine::run(const std::vector<std::string>& arguments) {
     // The diagnostic verbs need no catalogue.
     if (args[0] == "-auval") return KTDiagnosticsVerbs::auval(*app);
     if (args[0] == "-gatherlogs") return KTDiagnosticsVerbs::gatherLogs(*app);
+    const std::string& verb = args.at(0);
+    // The verbs that move plug-ins name them in the log and need no more of
+    // a bundle than its name; versions and architectures are for listings.
+    if (verb == "-enable" || verb == "-disable" || verb == "-remove" || verb == "-setaccess" ||
+        verb == "-install")
+        app->outlineViewController().setBundleDetail(KTBundleInfo::Detail::NamesAndVersion);
     app->loadPluginData();
     app->outlineViewController().waitForBundleInspection();
 
-    const std::string& verb = args.at(0);
     int status = 0;
     if (verb == "-allplugins") status = allPlugins(*app, args);
     if (verb == "-enable" || verb == "-disable" || verb == "-remove") status = pluginVerb(*app, args);
