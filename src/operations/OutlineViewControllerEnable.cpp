@@ -473,20 +473,17 @@ bool OutlineViewController::removeEmptyFolder(const std::string& folder,
                                               bool includeEmptySubfolders) {
     if (KTTransferPlan::active()) return false;  // a dry run leaves every folder
     KTLog::appendLog("Removing empty folder %@...", folder);
-    // One look: whether it is there and whether it is a folder (a link is followed).
-    const KTFileLook look = KTFileLook::at(folder);
-    if (!look.exists()) return true;
-    if (look.isLink() ? !isDirectory(folder) : !look.isDirectory()) return false;
-    if (KTLocalPaths::isPathSystemDirectory(folder, false)) return false;
     const std::string bare = withoutTrailingSlash(folder);
+    bool kept = KTLocalPaths::isPathSystemDirectory(folder, false);
     for (const auto& [key, kindFolder] : pluginFolderDict()) {
-        if (withoutTrailingSlash(kindFolder) == bare) return false;
+        if (!kept && withoutTrailingSlash(kindFolder) == bare) kept = true;
     }
 
-    if (!includeEmptySubfolders) {
+    if (!includeEmptySubfolders && !kept) {
         // The mirrored kind folder can hold thousands of disabled plug-ins and
-        // is asked after each enable: rmdir answers "not empty" without a
-        // listing. Only a .DS_Store in the way, or a refusal, needs the long way.
+        // is asked after each enable: rmdir answers "gone", "not empty" and
+        // "not a folder" in one call, without a look first or a listing. Only
+        // a .DS_Store in the way, a file or link, or a refusal takes the long way.
         if (::rmdir(folder.c_str()) == 0) {
             KTLog::appendLog("Beginning removal of empty folder %@...", folder);
             return true;
@@ -497,6 +494,12 @@ bool OutlineViewController::removeEmptyFolder(const std::string& folder,
             !exists(KTPluginLocations::appendPathComponent(folder, ".DS_Store")))
             return false;
     }
+
+    // One look: whether it is there and whether it is a folder (a link is followed).
+    const KTFileLook look = KTFileLook::at(folder);
+    if (!look.exists()) return true;
+    if (look.isLink() ? !isDirectory(folder) : !look.isDirectory()) return false;
+    if (kept) return false;
 
     std::error_code ec;
     std::vector<fs::directory_entry> entries;
