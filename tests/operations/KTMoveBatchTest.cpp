@@ -5,19 +5,29 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <initializer_list>
+#include <string>
 #include <thread>
 
 #include "OperationsTestSupport.h"
 
-TEST(KTMoveBatchTest, LocksSetBehindTheBatchsBackNeverStopAMove) {
-    OperationsWorld w;
-    for (const char* n : {"/Pack/Sub/A.fxplug/v", "/Pack/Sub/B.fxplug/v", "/Pack/Sub/C.fxplug/v",
-                          "/Pack/Sub/D.fxplug/v"})
-        ScratchRoot::writeFile(w.fx(n), "x");
-    if (!ScratchRoot::setImmutable(w.fx("/Pack/Sub/A.fxplug"), true))
-        GTEST_SKIP() << "no immutable flag here (needs root and a file system that keeps it)";
+namespace {
+/// The plug-ins named in /Pack/Sub, loaded; false where no immutable flag can
+/// be set here (it needs root and a file system that keeps it).
+bool loadPack(OperationsWorld& w, std::initializer_list<const char*> names) {
+    for (const char* n : names)
+        ScratchRoot::writeFile(w.fx(std::string("/Pack/Sub/") + n + "/v"), "x");
+    if (!ScratchRoot::setImmutable(w.fx("/Pack/Sub/A.fxplug"), true)) return false;
     ScratchRoot::setImmutable(w.fx("/Pack/Sub/A.fxplug"), false);
     w.load();
+    return true;
+}
+}  // namespace
+
+TEST(KTMoveBatchTest, LocksSetBehindTheBatchsBackNeverStopAMove) {
+    OperationsWorld w;
+    if (!loadPack(w, {"A.fxplug", "B.fxplug", "C.fxplug", "D.fxplug"}))
+        GTEST_SKIP() << "no immutable flag here (needs root and a file system that keeps it)";
 
     KTMoveBatch batch;
     ASSERT_TRUE(
@@ -43,12 +53,8 @@ TEST(KTMoveBatchTest, LocksSetBehindTheBatchsBackNeverStopAMove) {
 
 TEST(KTMoveBatchTest, AFailedMoveMakesTheBatchLookAtEveryAncestorAgain) {
     OperationsWorld w;
-    for (const char* n : {"/Pack/Sub/A.fxplug/v", "/Pack/Sub/B.fxplug/v", "/Pack/Sub/C.fxplug/v"})
-        ScratchRoot::writeFile(w.fx(n), "x");
-    if (!ScratchRoot::setImmutable(w.fx("/Pack/Sub/A.fxplug"), true))
+    if (!loadPack(w, {"A.fxplug", "B.fxplug", "C.fxplug"}))
         GTEST_SKIP() << "no immutable flag here (needs root and a file system that keeps it)";
-    ScratchRoot::setImmutable(w.fx("/Pack/Sub/A.fxplug"), false);
-    w.load();
 
     KTMoveBatch batch;
     ASSERT_TRUE(w.outline().moveFilter(w.plugin("A.fxplug"), 0));
