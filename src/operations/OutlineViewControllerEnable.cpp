@@ -481,9 +481,15 @@ bool OutlineViewController::removeEmptyFolder(const std::string& folder,
 
     if (!includeEmptySubfolders && !kept) {
         // The mirrored kind folder can hold thousands of disabled plug-ins and
-        // is asked after each enable: rmdir answers "gone", "not empty" and
-        // "not a folder" in one call, without a look first or a listing. Only
-        // a .DS_Store in the way, a file or link, or a refusal takes the long way.
+        // is asked after each enable. Its link count answers for a folder that
+        // still holds a bundle (a folder: more than a .DS_Store), which rmdir
+        // would otherwise find out by reading the folder, further each time as
+        // the enabled entries leave holes at its start. Otherwise rmdir
+        // answers "gone", "not empty" and "not a folder" in one call. Only a
+        // .DS_Store in the way, a file or link, or a refusal takes the long way.
+        const KTFileLook first = KTFileLook::at(folder);
+        if (!first.exists()) return true;
+        if (first.holdsAFolder()) return false;
         if (::rmdir(folder.c_str()) == 0) {
             KTLog::appendLog("Beginning removal of empty folder %@...", folder);
             return true;

@@ -13,7 +13,7 @@ namespace {
 KTFileLook look(const std::string& path, int flags) {
     KTFileLook l;
     struct statx sx {};
-    const unsigned mask = STATX_TYPE | STATX_MODE | STATX_UID | STATX_GID | STATX_INO;
+    const unsigned mask = STATX_TYPE | STATX_MODE | STATX_UID | STATX_GID | STATX_INO | STATX_NLINK;
     if (path.empty()) return l;
     if (::statx(AT_FDCWD, path.c_str(), flags | AT_STATX_SYNC_AS_STAT, mask, &sx) != 0) {
         l.error = errno;
@@ -25,6 +25,7 @@ KTFileLook look(const std::string& path, int flags) {
     l.group = sx.stx_gid;
     l.device = makedev(sx.stx_dev_major, sx.stx_dev_minor);
     l.inode = sx.stx_ino;
+    if (sx.stx_mask & STATX_NLINK) l.links = sx.stx_nlink;
     if (sx.stx_attributes_mask & STATX_ATTR_IMMUTABLE)
         l.locked = (sx.stx_attributes & STATX_ATTR_IMMUTABLE) != 0;
     return l;

@@ -19,6 +19,8 @@ struct KTFileLook {
     gid_t group = 0;
     dev_t device = 0;
     ino_t inode = 0;
+    /// The link count; 0 when the file system did not say.
+    nlink_t links = 0;
     /// Whether the locked flag is set; nothing when the file system keeps no
     /// such flag with the look (the flags must then be read apart).
     std::optional<bool> locked;
@@ -26,6 +28,10 @@ struct KTFileLook {
     bool exists() const { return error == 0; }
     bool isDirectory() const;
     bool isLink() const;
+    /// Whether a folder's link count shows that it holds a folder: more than
+    /// its own two names ("." and its entry in its parent). File systems that
+    /// do not count (btrfs says 1, very large ext4 folders too) never say so.
+    bool holdsAFolder() const { return isDirectory() && links > 2; }
 
     /// Looks at `path` (a last link not followed).
     static KTFileLook at(const std::string& path);
