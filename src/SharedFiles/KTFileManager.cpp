@@ -1,8 +1,6 @@
 #include "SharedFiles/KTFileManager.h"
 
 #include <fcntl.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,17 +13,8 @@
 #include "SharedFiles/KTMainThread.h"
 #include "SharedFiles/KTTransferPlan.h"
 #include "SharedFiles/KTTrash.h"
+#include "SharedFiles/linux/KTFileLook.h"
 #include "SharedFiles/linux/KTZipArchive.h"
-
-namespace {
-
-/// A file system that keeps no such flags (tmpfs of old kernels, FAT, network
-/// mounts) answers one of these; its files are never locked.
-bool noFlagsHere(int err) {
-    return err == ENOTTY || err == EOPNOTSUPP || err == EINVAL || err == ENOSYS;
-}
-
-}  // namespace
 
 bool KTFileManager::fileExistsAtPath(const std::string& path) {
     // In a dry run what the plan moved away is gone and what it placed is there.
@@ -34,28 +23,10 @@ bool KTFileManager::fileExistsAtPath(const std::string& path) {
 
 bool KTFileManager::unlockFile(const std::string& path) {
     if (KTTransferPlan::active()) return true;  // a dry run changes no flag
-    auto fail = [&](int err) {
-        KTLog::fastAppendLog("Unable to unlock file %@: %@", path, std::strerror(err));
-        return false;
-    };
-    // O_NOFOLLOW: a link carries no flags of its own, and its target is not ours to unlock.
-    int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0) return errno == ELOOP ? true : fail(errno);
-    int flags = 0;
-    bool ok = true;
-    int err = 0;
-    if (::ioctl(fd, FS_IOC_GETFLAGS, &flags) != 0) {
-        err = errno;
-        ok = noFlagsHere(err);
-    } else if (flags & FS_IMMUTABLE_FL) {
-        flags &= ~FS_IMMUTABLE_FL;
-        if (::ioctl(fd, FS_IOC_SETFLAGS, &flags) != 0) {
-            err = errno;
-            ok = false;
-        }
-    }
-    ::close(fd);
-    return ok ? true : fail(err);
+    const KTFileLook::Unlock result = KTFileLook::clearLocked(path);
+    if (result.error == 0) return true;
+    KTLog::fastAppendLog("Unable to unlock file %@: %@", path, std::strerror(result.error));
+    return false;
 }
 
 bool KTFileManager::trashFile(const std::string& path, bool shouldAuth) {

@@ -361,7 +361,7 @@ void KTLog::appendTextToLog(const std::string& raw) {
         // A writer that is writing, or already woken for an earlier entry,
         // looks at the queue again before it sleeps: a wake-up per line cost
         // a system call per line for nothing.
-        idle = queue_.empty() && !writing_ && !gathering_;
+        idle = queue_.empty() && !writing_;
         queue_.push_back(std::move(text));
     }
     if (idle) queueChanged_.notify_one();
@@ -377,11 +377,9 @@ void KTLog::writerLoop() {
         // writes them all at once (a write and a wake-up per line cost more
         // than the move). Whoever waits for the log to be on disk ends the
         // gathering at once, so nobody waits for the moment itself.
-        gathering_ = true;
         queueChanged_.wait_for(l, kGatherTime, [this] {
             return stopping_ || flushWaiters_ > 0 || queue_.size() >= kGatherLines;
         });
-        gathering_ = false;
         std::vector<std::string> batch(std::make_move_iterator(queue_.begin()),
                                        std::make_move_iterator(queue_.end()));
         queue_.clear();

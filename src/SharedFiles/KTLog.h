@@ -134,7 +134,6 @@ class KTLog {
     std::condition_variable queueDrained_;
     std::deque<std::string> queue_;
     bool writing_ = false;
-    bool gathering_ = false;  // woken, letting lines gather: no wake-up needed either
     bool stopping_ = false;
     int flushWaiters_ = 0;  // threads in finishWriting: the writer stops gathering for them
     std::thread writer_;

@@ -3,8 +3,6 @@
 // clean-up of emptied folders, and the group-wide and check-box entries.
 #include <dirent.h>
 #include <fcntl.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -59,33 +57,15 @@ struct WalkEnd {
 /// clears it: true when the item is unlocked afterwards. Failures are posted
 /// and logged; `stop` is set when the walk must stop there.
 bool clearLockedFlag(const std::string& path, bool* stop) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0) {
-        if (errno == ELOOP) return true;  // became a link since
-        postAndLog("Unable to get attributes of item %@ - %@", path, std::strerror(errno));
+    const KTFileLook::Unlock result = KTFileLook::clearLocked(path);
+    if (result.error == 0) return true;
+    if (result.reading) {
+        postAndLog("Unable to get attributes of item %@ - %@", path, std::strerror(result.error));
         *stop = true;
-        return false;
+    } else {
+        postAndLog("Unable to unlock item %@ - %@", path, std::strerror(result.error));
     }
-    int flags = 0;
-    if (::ioctl(fd, FS_IOC_GETFLAGS, &flags) != 0) {
-        const int err = errno;
-        ::close(fd);
-        // A file system without flags has nothing locked.
-        if (err == ENOTTY || err == EOPNOTSUPP || err == EINVAL || err == ENOSYS) return true;
-        postAndLog("Unable to get attributes of item %@ - %@", path, std::strerror(err));
-        *stop = true;
-        return false;
-    }
-    bool unlocked = true;
-    if (flags & FS_IMMUTABLE_FL) {
-        flags &= ~FS_IMMUTABLE_FL;
-        if (::ioctl(fd, FS_IOC_SETFLAGS, &flags) != 0) {
-            unlocked = false;
-            postAndLog("Unable to unlock item %@ - %@", path, std::strerror(errno));
-        }
-    }
-    ::close(fd);
-    return unlocked;
+    return false;
 }
 
 /// The unlock walk: from "/" down, each ancestor and then the item, stopping
@@ -473,23 +453,26 @@ bool OutlineViewController::removeEmptyFolder(const std::string& folder,
                                               bool includeEmptySubfolders) {
     if (KTTransferPlan::active()) return false;  // a dry run leaves every folder
     KTLog::appendLog("Removing empty folder %@...", folder);
+    // One look: whether it is there, whether it is a folder (a link is
+    // followed) and how many folders it holds.
+    const KTFileLook look = KTFileLook::at(folder);
+    if (!look.exists()) return true;
+    if (look.isLink() ? !isDirectory(folder) : !look.isDirectory()) return false;
+    if (KTLocalPaths::isPathSystemDirectory(folder, false)) return false;
     const std::string bare = withoutTrailingSlash(folder);
-    bool kept = KTLocalPaths::isPathSystemDirectory(folder, false);
     for (const auto& [key, kindFolder] : pluginFolderDict()) {
-        if (!kept && withoutTrailingSlash(kindFolder) == bare) kept = true;
+        if (withoutTrailingSlash(kindFolder) == bare) return false;
     }
 
-    if (!includeEmptySubfolders && !kept) {
+    if (!includeEmptySubfolders && !look.isLink()) {
         // The mirrored kind folder can hold thousands of disabled plug-ins and
         // is asked after each enable. Its link count answers for a folder that
         // still holds a bundle (a folder: more than a .DS_Store), which rmdir
         // would otherwise find out by reading the folder, further each time as
         // the enabled entries leave holes at its start. Otherwise rmdir
-        // answers "gone", "not empty" and "not a folder" in one call. Only a
-        // .DS_Store in the way, a file or link, or a refusal takes the long way.
-        const KTFileLook first = KTFileLook::at(folder);
-        if (!first.exists()) return true;
-        if (first.holdsAFolder()) return false;
+        // answers "not empty" in one call; only a .DS_Store in the way, or a
+        // refusal, takes the long way.
+        if (look.holdsAFolder()) return false;
         if (::rmdir(folder.c_str()) == 0) {
             KTLog::appendLog("Beginning removal of empty folder %@...", folder);
             return true;
@@ -500,12 +483,6 @@ bool OutlineViewController::removeEmptyFolder(const std::string& folder,
             !exists(KTPluginLocations::appendPathComponent(folder, ".DS_Store")))
             return false;
     }
-
-    // One look: whether it is there and whether it is a folder (a link is followed).
-    const KTFileLook look = KTFileLook::at(folder);
-    if (!look.exists()) return true;
-    if (look.isLink() ? !isDirectory(folder) : !look.isDirectory()) return false;
-    if (kept) return false;
 
     std::error_code ec;
     std::vector<fs::directory_entry> entries;

@@ -1,6 +1,8 @@
 #include "SharedFiles/linux/KTFileLook.h"
 
 #include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/sysmacros.h>
@@ -53,6 +55,25 @@ std::optional<bool> KTFileLook::onReadOnlyVolume(const std::string& path) {
     struct statvfs vfs {};
     if (::statvfs(path.c_str(), &vfs) != 0) return std::nullopt;
     return (vfs.f_flag & ST_RDONLY) != 0;
+}
+
+KTFileLook::Unlock KTFileLook::clearLocked(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) return errno == ELOOP ? Unlock{} : Unlock{errno, true};
+    Unlock result;
+    int flags = 0;
+    if (::ioctl(fd, FS_IOC_GETFLAGS, &flags) != 0) {
+        const int err = errno;
+        // A file system that keeps no such flags (tmpfs of old kernels, FAT,
+        // network mounts) answers one of these: nothing there is locked.
+        if (err != ENOTTY && err != EOPNOTSUPP && err != EINVAL && err != ENOSYS)
+            result = {err, true};
+    } else if (flags & FS_IMMUTABLE_FL) {
+        flags &= ~FS_IMMUTABLE_FL;
+        if (::ioctl(fd, FS_IOC_SETFLAGS, &flags) != 0) result = {errno, false};
+    }
+    ::close(fd);
+    return result;
 }
 
 uid_t KTProcessIdentity::uid() {

@@ -41,6 +41,18 @@ struct KTFileLook {
     /// Whether the volume holding `path` is mounted read-only, which no bit
     /// of a look shows; nothing when it cannot be asked.
     static std::optional<bool> onReadOnlyVolume(const std::string& path);
+
+    /// What clearing the locked flag came to: `error` 0 when the item is not
+    /// locked now (or the file system keeps no such flag, or a link stands
+    /// there: a link has no flags of its own and its target is not ours to
+    /// unlock); else errno, and `reading` tells whether the flags could not
+    /// even be read (as opposed to not cleared), so callers word it their way.
+    struct Unlock {
+        int error = 0;
+        bool reading = false;
+    };
+    /// Clears the locked (immutable, `chattr +i`) flag of what `path` names.
+    static Unlock clearLocked(const std::string& path);
 };
 
 /// Who this process is, read once: the ids cannot change under a process
