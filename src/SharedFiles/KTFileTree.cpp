@@ -146,6 +146,31 @@ std::vector<std::string> KTFileTree::entriesOf(const std::string& folder) {
     return names;
 }
 
+std::vector<std::string> KTFileTree::entriesStartingWith(const std::string& folder,
+                                                         const std::string& prefix) {
+    std::vector<std::string> names;
+    if (DIR* d = ::opendir(folder.c_str())) {
+        while (dirent* e = ::readdir(d)) {
+            if (std::strncmp(e->d_name, prefix.c_str(), prefix.size()) == 0)
+                names.emplace_back(e->d_name);
+        }
+        ::closedir(d);
+    }
+    return names;
+}
+
+int KTFileTree::makeFolders(const std::string& path) {
+    if (::mkdir(path.c_str(), 0777) == 0) return 0;
+    if (errno != ENOENT) return errno;
+    std::string parent = path;
+    while (parent.size() > 1 && parent.back() == '/') parent.pop_back();
+    const auto slash = parent.rfind('/');
+    if (slash == std::string::npos || slash == 0) return ENOENT;
+    parent.resize(slash);
+    if (const int err = makeFolders(parent); err != 0 && err != EEXIST) return err;
+    return ::mkdir(path.c_str(), 0777) == 0 ? 0 : errno;
+}
+
 int KTFileTree::renameNoReplace(const std::string& from, const std::string& to) {
 #ifdef RENAME_NOREPLACE
     if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return 0;

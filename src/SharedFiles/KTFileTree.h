@@ -31,4 +31,13 @@ class KTFileTree {
     static bool existsNoFollow(const std::string& path);
     /// The names in a folder, "." and ".." left out; empty when unreadable.
     static std::vector<std::string> entriesOf(const std::string& folder);
+    /// The names in a folder that begin with `prefix`. Asked of folders of
+    /// thousands of entries where hardly any match: the others are never copied.
+    static std::vector<std::string> entriesStartingWith(const std::string& folder,
+                                                        const std::string& prefix);
+    /// Makes the folder at `path` and any missing folders above it: 0 when
+    /// made, EEXIST when anything (a dangling link included) is there
+    /// already, else the errno of the first failure. Asks mkdir before
+    /// looking: the folders a batch makes are missing, mostly one level deep.
+    static int makeFolders(const std::string& path);
 };

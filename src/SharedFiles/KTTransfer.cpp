@@ -482,7 +482,7 @@ void KTTransfer::recoverFolder(const std::string& folder, bool again) {
     if (again) {
         if (KTTransferPlan::active()) return;
         std::map<std::string, pid_t> tokens;
-        for (const auto& name : KTFileTree::entriesOf(folder)) {
+        for (const auto& name : KTFileTree::entriesStartingWith(folder, kWorkPrefix)) {
             if (auto w = parseWorkName(name)) tokens.emplace(w->token, w->pid);
         }
         for (const auto& [token, pid] : tokens) {
@@ -515,7 +515,7 @@ void KTTransfer::recoverFolderOnce(const std::string& folder,
 
 void KTTransfer::recoverEntry(const std::string& folder, const std::string& token) {
     std::string copy, aside, note, asideName;
-    for (const auto& name : KTFileTree::entriesOf(folder)) {
+    for (const auto& name : KTFileTree::entriesStartingWith(folder, kWorkPrefix)) {
         auto w = parseWorkName(name);
         if (!w || w->token != token) continue;
         const std::string path = join(folder, name);

@@ -3,9 +3,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
+#include <system_error>
 
 #include "SharedFiles/KTAuthorization.h"
+#include "SharedFiles/KTFileTree.h"
 #include "SharedFiles/KTMainThread.h"
 #include "SharedFiles/KTTaskNotification.h"
 #include "SharedFiles/KTTransferPlan.h"
@@ -20,18 +23,18 @@ bool hasInterface(const AppController* app) {
 }
 
 FolderCreation createFolder(const std::string& folder, std::string_view failureFormat) {
-    if (exists(folder)) return FolderCreation::Existed;
     if (KTTransferPlan* plan = KTTransferPlan::active()) {
+        if (exists(folder)) return FolderCreation::Existed;
         if (plan->makeFolder(folder)) return FolderCreation::Created;
         // Only rights would make it, and a dry run asks for none.
         KTLog::appendLog(failureFormat, folder, "Permission denied");
         KTTransferPlan::noteSkip(folder, "needs administrator rights to create the folder");
         return FolderCreation::Refused;
     }
-    std::error_code ec;
-    std::filesystem::create_directories(folder, ec);
-    if (!ec) return FolderCreation::Created;
-    KTLog::appendLog(failureFormat, folder, ec.message());
+    const int err = KTFileTree::makeFolders(folder);
+    if (err == 0) return FolderCreation::Created;
+    if (err == EEXIST) return FolderCreation::Existed;
+    KTLog::appendLog(failureFormat, folder, std::generic_category().message(err));
     if (!KTAuthorization::sharedController()->authCreateDir(folder)) return FolderCreation::Refused;
     KTFileMover::pauseAfterPrivilegedStep();
     return FolderCreation::CreatedWithRights;

@@ -85,20 +85,20 @@ WalkEnd unlockWalk(const std::string& path, const KTFileLook* itemSeen,
                    const KTFileLook* folderSeen = nullptr) {
     WalkEnd end;
     KTMoveBatch* batch = KTMoveBatch::current();
-    const std::vector<std::string> components = pathComponents(path);
-    const std::size_t n = components.size();
-    std::string prefix;
-    for (std::size_t i = 0; i < n; ++i) {
-        prefix = prefix.empty() ? components[i]
-                                : KTPluginLocations::appendPathComponent(prefix, components[i]);
-        const bool isItem = i + 1 == n, isFolder = i + 2 == n, isGrandparent = i + 3 == n;
+    // One step of the walk; false when the walk ends there. `chain` says
+    // whether every prefix above this one is known to the batch: only then
+    // is this one noted, so that the batch's ancestors always form a chain
+    // from "/" down and the deepest of them stands for all above it.
+    bool chain = batch != nullptr;
+    auto step = [&](const std::string& prefix, bool isItem, bool isFolder,
+                    bool isGrandparent) -> bool {
         if (!isItem && !isFolder && batch) {
             if (const KTFileLook* known = batch->unlockedAncestor(prefix)) {
                 if (isGrandparent) {
                     end.grandparent = *known;
                     end.sawGrandparent = true;
                 }
-                continue;
+                return true;
             }
         }
         KTFileLook look = isItem && itemSeen       ? *itemSeen
@@ -111,22 +111,46 @@ WalkEnd unlockWalk(const std::string& path, const KTFileLook* itemSeen,
         };
         if (!look.exists()) {
             record();
-            return end;
+            return false;
         }
-        if (look.isLink()) {  // a link has no flags of its own
-            record();
-            continue;
-        }
-        if (!look.locked || *look.locked) {
-            // Locked, or a file system that does not say with the look: read the flags.
+        if (!look.isLink() && (!look.locked || *look.locked)) {
+            // Locked, or a file system that does not say with the look: read
+            // the flags. A link has no flags of its own.
             bool stop = false;
             const bool unlocked = clearLockedFlag(prefix, &stop);
-            if (stop) return end;
+            if (stop) return false;
             look.locked = !unlocked;
         }
         record();
-        if (batch && !*look.locked && look.isDirectory() && !isItem)
-            batch->noteUnlockedAncestor(prefix, look);
+        // A link is passed through, never unlocked: it is as good as unlocked.
+        const bool passable = look.isLink() || (!*look.locked && look.isDirectory());
+        chain = chain && passable && !isItem;
+        if (chain) batch->noteUnlockedAncestor(prefix, look);
+        return true;
+    };
+
+    // The usual case within a batch: everything above the item's folder is
+    // known, and only the folder and the item are looked at.
+    if (batch) {
+        const std::string folder = parentOf(path);
+        const std::string grandparent = parentOf(folder);
+        if (!folder.empty() && folder != path && !grandparent.empty() && grandparent != folder) {
+            if (const KTFileLook* known = batch->unlockedAncestor(grandparent)) {
+                end.grandparent = *known;
+                end.sawGrandparent = true;
+                if (step(folder, false, true, false)) step(path, true, false, false);
+                return end;
+            }
+        }
+    }
+
+    const std::vector<std::string> components = pathComponents(path);
+    const std::size_t n = components.size();
+    std::string prefix;
+    for (std::size_t i = 0; i < n; ++i) {
+        prefix = prefix.empty() ? components[i]
+                                : KTPluginLocations::appendPathComponent(prefix, components[i]);
+        if (!step(prefix, i + 1 == n, i + 2 == n, i + 3 == n)) break;
     }
     return end;
 }
@@ -227,6 +251,13 @@ struct Seen {
 bool moveFileSeen(OutlineViewController& outline, const std::string& oldPath,
                   const std::string& newPath, const Seen& seenBefore);
 
+/// A folder the batch has just made holds nothing that a killed transfer
+/// left behind: the transfer need not list it before the first move into it.
+void noteMadeFolder(const KTFileLook& look) {
+    KTMoveBatch* batch = KTMoveBatch::current();
+    if (batch && look.exists() && look.isDirectory()) batch->noteSettled(look.device, look.inode);
+}
+
 std::string withoutTrailingSlash(std::string path) {
     while (path.size() > 1 && path.back() == '/') path.pop_back();
     return path;
@@ -292,9 +323,15 @@ bool OutlineViewController::moveFilter(const std::shared_ptr<KTPluginItem>& item
             KTLog::appendLog("Unable to authorize.");
             return false;
         }
-        const bool folderSeen = made == FolderCreation::Existed && !planned;
-        if (moveFileSeen(*this, path, target,
-                         {planned ? nullptr : &look, folderSeen ? &parentLook : nullptr})) {
+        // A folder just made is looked at here rather than by the move's walk.
+        const KTFileLook madeLook =
+            made == FolderCreation::Created && !planned ? KTFileLook::at(parent) : KTFileLook();
+        if (made == FolderCreation::Created) noteMadeFolder(madeLook);
+        const KTFileLook* folderSeen = planned                           ? nullptr
+                                       : made == FolderCreation::Existed ? &parentLook
+                                       : made == FolderCreation::Created ? &madeLook
+                                                                         : nullptr;
+        if (moveFileSeen(*this, path, target, {planned ? nullptr : &look, folderSeen})) {
             item->movedTo(0, target);
             return true;
         }
@@ -356,14 +393,16 @@ bool moveFileSeen(OutlineViewController& outline, const std::string& oldPath,
     bool walkedTo = to.sawFolder && !to.folder.isLink();
     if (!folderLook.exists()) {
         KTLog::appendLog("Creating new containing folder at %@...", folder);
-        if (createFolder(folder, "Unable to create directory at %@ - %@. Authorizing...") ==
-            FolderCreation::Refused) {
+        const FolderCreation made =
+            createFolder(folder, "Unable to create directory at %@ - %@. Authorizing...");
+        if (made == FolderCreation::Refused) {
             KTLog::appendLog("User cancelled authorization.");
             if (app) app->setProcessingCancelled(true);
             return false;
         }
         KTMoveBatch::folderMadeInCurrent();
         folderLook = planned ? KTFileLook() : KTFileLook::following(folder);
+        if (made == FolderCreation::Created && !planned) noteMadeFolder(folderLook);
         walkedTo = false;
     }
     // The folder is there (a dry run's may be only planned), and the batch knows it by its inode.
