@@ -69,8 +69,16 @@ class KTMoveBatch {
     std::optional<bool> movableFrom(dev_t device, ino_t inode) const;
     void noteMovableFrom(dev_t device, ino_t inode, bool movable);
 
+    /// The folder an enable has just left, when the move's own look found
+    /// it holding another folder besides the one that left: the clean-up
+    /// that follows at once need not look at it again to know it is not
+    /// empty. Taken once; the enable clears it (empty) after its clean-up.
+    void noteLeftHoldingAFolder(const std::string& folder);
+    bool takeLeftHoldingAFolder(const std::string& folder);
+
   private:
     using Key = std::pair<dev_t, ino_t>;
+    std::string leftHoldingAFolder_;
     std::set<Key> settled_;
     std::map<Key, bool> into_, from_;
     std::unordered_map<std::string, KTFileLook> ancestors_;

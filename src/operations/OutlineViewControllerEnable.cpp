@@ -249,7 +249,8 @@ struct Seen {
 };
 
 bool moveFileSeen(OutlineViewController& outline, const std::string& oldPath,
-                  const std::string& newPath, const Seen& seenBefore);
+                  const std::string& newPath, const Seen& seenBefore,
+                  bool* leftHoldingAFolder = nullptr);
 
 /// A folder the batch has just made holds nothing that a killed transfer
 /// left behind: the transfer need not list it before the first move into it.
@@ -288,9 +289,16 @@ bool OutlineViewController::moveFilter(const std::shared_ptr<KTPluginItem>& item
                 KTTransferPlan::noteSkip(path, "plugin is already enabled");
                 return false;
             }
-            if (moveFileSeen(*this, path, *target, {planned ? nullptr : &look, nullptr})) {
+            bool leftHoldingAFolder = false;
+            if (moveFileSeen(*this, path, *target, {planned ? nullptr : &look, nullptr},
+                             &leftHoldingAFolder)) {
                 item->movedTo(1, *target);
+                // What the move saw of the folder it left answers the first
+                // question of the clean-up, and only that one.
+                KTMoveBatch* batch = KTMoveBatch::current();
+                if (batch && leftHoldingAFolder) batch->noteLeftHoldingAFolder(parentOf(path));
                 cleanupPluginPath(path);
+                if (batch) batch->noteLeftHoldingAFolder({});
                 return true;
             }
             item->setPluginEnabled(0);
@@ -354,7 +362,7 @@ bool OutlineViewController::moveFileFrom(const std::string& oldPath, const std::
 namespace {
 
 bool moveFileSeen(OutlineViewController& outline, const std::string& oldPath,
-                  const std::string& newPath, const Seen& seenBefore) {
+                  const std::string& newPath, const Seen& seenBefore, bool* leftHoldingAFolder) {
     AppController* app = outline.appController();
     if (oldPath.empty() || newPath.empty()) return false;
     const bool planned = KTTransferPlan::active() != nullptr;
@@ -438,6 +446,11 @@ bool moveFileSeen(OutlineViewController& outline, const std::string& oldPath,
         }
         KTLog::appendLog("Plugin successfully moved to %@", newPath);
         batchKnowledge.moved = true;
+        // The folder left behind still holds a folder when it held one more
+        // than the item that left (a folder item takes a link with it).
+        if (leftHoldingAFolder)
+            *leftHoldingAFolder = from.sawFolder && from.sawItem && !from.folder.isLink() &&
+                                  from.folder.links > 2u + (from.item.isDirectory() ? 1u : 0u);
         return true;
     }
 
@@ -492,6 +505,11 @@ bool OutlineViewController::removeEmptyFolder(const std::string& folder,
                                               bool includeEmptySubfolders) {
     if (KTTransferPlan::active()) return false;  // a dry run leaves every folder
     KTLog::appendLog("Removing empty folder %@...", folder);
+    // The move that just left the folder saw another folder in it.
+    if (!includeEmptySubfolders)
+        if (KTMoveBatch* batch = KTMoveBatch::current();
+            batch && batch->takeLeftHoldingAFolder(folder))
+            return false;
     // One look: whether it is there, whether it is a folder (a link is
     // followed) and how many folders it holds.
     const KTFileLook look = KTFileLook::at(folder);
