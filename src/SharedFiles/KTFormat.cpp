@@ -32,10 +32,14 @@ std::string printfOne(const std::string& conversion, char conv, const KTArg::Val
         case 'o':
         case 'c': {
             long long i = 0;
-            if (auto p = std::get_if<std::int64_t>(&v)) i = *p;
-            else if (auto q = std::get_if<std::uint64_t>(&v)) i = static_cast<long long>(*q);
-            else if (auto d = std::get_if<double>(&v)) i = static_cast<long long>(*d);
-            else return describe(v);
+            if (auto p = std::get_if<std::int64_t>(&v))
+                i = *p;
+            else if (auto q = std::get_if<std::uint64_t>(&v))
+                i = static_cast<long long>(*q);
+            else if (auto d = std::get_if<double>(&v))
+                i = static_cast<long long>(*d);
+            else
+                return describe(v);
             if (conv == 'c') {
                 f += 'c';
                 std::snprintf(buf, sizeof buf, f.c_str(), static_cast<int>(i));
@@ -56,10 +60,14 @@ std::string printfOne(const std::string& conversion, char conv, const KTArg::Val
         case 'g':
         case 'G': {
             double d = 0;
-            if (auto p = std::get_if<double>(&v)) d = *p;
-            else if (auto i = std::get_if<std::int64_t>(&v)) d = static_cast<double>(*i);
-            else if (auto u = std::get_if<std::uint64_t>(&v)) d = static_cast<double>(*u);
-            else return describe(v);
+            if (auto p = std::get_if<double>(&v))
+                d = *p;
+            else if (auto i = std::get_if<std::int64_t>(&v))
+                d = static_cast<double>(*i);
+            else if (auto u = std::get_if<std::uint64_t>(&v))
+                d = static_cast<double>(*u);
+            else
+                return describe(v);
             f += conv;
             std::snprintf(buf, sizeof buf, f.c_str(), d);
             return buf;
@@ -118,7 +126,15 @@ std::string KTFormat::format(std::string_view fmt, const std::vector<KTArg>& arg
             i = j;
             continue;
         }
-        if (next < args.size()) out += printfOne(conversion, conv, args[next].value());
+        if (next < args.size()) {
+            // A bare "%@" of a string, by far the most common in the log, is
+            // appended as it stands rather than through a copy.
+            const std::string* text = std::get_if<std::string>(&args[next].value());
+            if (text && (conv == '@' || conv == 's') && conversion.size() == 1)
+                out += *text;
+            else
+                out += printfOne(conversion, conv, args[next].value());
+        }
         ++next;
         i = j;
     }

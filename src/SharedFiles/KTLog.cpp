@@ -308,11 +308,13 @@ void KTLog::appendLogArgs(std::string_view format, std::vector<KTArg> args, bool
     KTLog* log = sharedController();
     if (log->loggingDisabled_) return;
     std::string text = KTFormat::format(escapeTextForLogging(format), args);
-    log->appendTextToLog(text);
+    // Counted before the text is handed over: only short lines make a
+    // thread other than the main one wait for the writer.
+    const std::uint64_t n = characterCount(text);
+    log->appendTextToLog(std::move(text));
     // The writer has written its own entries in place already; waiting there
     // would also pull other threads' entries in between (the restart's header).
     if (mayWait && !log->onWriter() && !KTMainThread::shared().isMainThread()) {
-        std::uint64_t n = characterCount(text);
         if (n >= 1 && n <= 99 && log->bytesInQueue_ <= 99) finishWriting();
     }
 }
@@ -345,8 +347,11 @@ void KTLog::systemConsoleArgs(std::string_view format, std::vector<KTArg> args) 
     }
 }
 
-void KTLog::appendTextToLog(const std::string& raw) {
-    std::string text = trimmed(raw);
+void KTLog::appendTextToLog(std::string text) {
+    // Trimmed in place: most lines have nothing to trim and are only moved.
+    const char* ws = " \t\n\r\f\v";
+    text.erase(0, std::min(text.size(), text.find_first_not_of(ws)));
+    text.erase(text.find_last_not_of(ws) + 1);
     if (text.empty() || terminated_) return;
     bytesInQueue_ += characterCount(text);
     if (onWriter()) {

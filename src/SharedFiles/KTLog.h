@@ -73,7 +73,7 @@ class KTLog {
     /// The user-domain folder the files rotate in.
     static std::string logFolder();
 
-    void appendTextToLog(const std::string& text);
+    void appendTextToLog(std::string text);
     void appendLogOnThread(const std::string& text);
 
     std::string appName() const;

@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 #include "SharedFiles/linux/KTFileLook.h"
@@ -79,7 +80,13 @@ class KTMoveBatch {
   private:
     using Key = std::pair<dev_t, ino_t>;
     std::string leftHoldingAFolder_;
-    std::set<Key> settled_;
+    struct KeyHash {
+        std::size_t operator()(const Key& k) const {
+            return std::hash<ino_t>()(k.second) * 31u + std::hash<dev_t>()(k.first);
+        }
+    };
+    /// Asked twice per move: hashed, not ordered.
+    std::unordered_set<Key, KeyHash> settled_;
     std::map<Key, bool> into_, from_;
     std::unordered_map<std::string, KTFileLook> ancestors_;
     std::map<dev_t, bool> readOnly_;
