@@ -23,6 +23,7 @@
 #include "SharedFiles/KTUserInterface.h"
 #include "app/core/AppController.h"
 #include "catalogue/KTFilePackage.h"
+#include "catalogue/KTOpenFolder.h"
 #include "catalogue/OutlineViewController.h"
 
 namespace {
@@ -55,9 +56,25 @@ struct FolderEntry {
     unsigned char type;  ///< DT_LNK, DT_DIR, ...; DT_UNKNOWN where the file system does not say
 };
 
+/// Whether a listing may add a plug-in of this folder itself, so that the
+/// folder is worth keeping open: not a template's own folder (its listing
+/// ends at the document), and something there that is no folder or has a
+/// plug-in's extension.
+bool mayHoldPlugin(const std::vector<FolderEntry>& entries) {
+    bool some = false;
+    for (const auto& e : entries) {
+        const std::string ext = KTFilePackage::lowerExtension(e.name);
+        if (isTemplateDocumentExtension(ext)) return false;
+        some = some || e.type != DT_DIR || isListedPluginExtension(ext);
+    }
+    return some;
+}
+
 /// The entries of a folder in the order the file system lists them; nothing
-/// with the error text when it cannot be read.
+/// with the error text when it cannot be read. With `kept`, the folder is
+/// also kept open there (when the bound allows) for the looks that follow.
 std::optional<std::vector<FolderEntry>> listFolder(const std::string& folder, std::string& error,
+                                                   std::shared_ptr<const KTOpenFolder>* kept,
                                                    bool settled = false) {
     DIR* dir = ::opendir(folder.c_str());
     if (!dir) {
@@ -76,13 +93,15 @@ std::optional<std::vector<FolderEntry>> listFolder(const std::string& folder, st
         }
         entries.push_back({e->d_name, e->d_type});
     }
-    ::closedir(dir);
     if (leftovers && !settled) {
+        ::closedir(dir);
         // What a killed run left here is settled first (a live run's work is
         // left alone), so that a plug-in put back is listed too.
         KTTransfer::shared().recoverFolder(folder);
-        return listFolder(folder, error, true);
+        return listFolder(folder, error, kept, true);
     }
+    if (kept && mayHoldPlugin(entries)) *kept = KTOpenFolder::keep(::dirfd(dir));
+    ::closedir(dir);
     return entries;
 }
 
@@ -99,6 +118,8 @@ enum class ListedShape : unsigned char {
 struct ListedPath {
     std::string path;
     ListedShape shape;
+    /// The folder it was listed in, still open, for a plug-in; else none.
+    std::shared_ptr<const KTOpenFolder> folder = nullptr;
 };
 
 /// The name a Motion template's document carries inside the template's
@@ -251,6 +272,7 @@ std::vector<std::string> pathsOf(std::vector<ListedPath>&& listed) {
     std::vector<std::string> paths;
     paths.reserve(listed.size());
     for (auto& l : listed) paths.push_back(std::move(l.path));
+    listed.clear();  // and with them the folders kept open
     return paths;
 }
 }  // namespace
@@ -291,7 +313,8 @@ std::optional<std::vector<ListedPath>> ScanWalk::scan(const std::string& folder)
 bool ScanWalk::list(const std::string& plain, const std::string& asGiven,
                     std::vector<ListedPath>& result, bool& holdsOwnTemplate) {
     std::string error;
-    auto entries = listFolder(plain, error);
+    std::shared_ptr<const KTOpenFolder> folder;
+    auto entries = listFolder(plain, error, &folder);
     if (!entries) {
         KTLog::appendLog("Error getting contents of directory %@ - %@", asGiven, error);
         return false;
@@ -317,14 +340,16 @@ bool ScanWalk::list(const std::string& plain, const std::string& asGiven,
             return true;  // the folder is a template: its parent lists it
         if (isListedPluginExtension(ext)) {
             // Its extension alone says it is no group and no template.
-            result.push_back({full, ListedShape::Item});
+            result.push_back({full, ListedShape::Item, folder});
             continue;
         }
         // A folder has no file type of its own (that is a file's): only
         // what may be a file is asked for one.
         if (type != DT_DIR && KTFinderInfo::typeCode(full) == KTFinderInfo::kFxScriptType) {
-            result.push_back({full, type == DT_LNK || type == DT_UNKNOWN ? ListedShape::Unknown
-                                                                         : ListedShape::Item});
+            result.push_back(
+                {full,
+                 type == DT_LNK || type == DT_UNKNOWN ? ListedShape::Unknown : ListedShape::Item,
+                 folder});
             continue;
         }
         if (!ext.empty() && ext != "localized" && !KTPluginLocations::isNumeric(ext)) continue;
@@ -526,7 +551,8 @@ void classifyPath(OutlineViewController& outline, const ListedPath& listed,
     }
     std::optional<std::string> sub;
     if (!subdir.empty()) sub = subdir;
-    outline.addPlugin(fileName, shortNameForPath(path), sub, "", kind, access, enabled, path);
+    outline.addPlugin(fileName, shortNameForPath(path), sub, "", kind, access, enabled, path,
+                      listed.folder);
 }
 }  // namespace
 
