@@ -151,10 +151,14 @@ std::string canonical(const std::string& path) {
 /// the same plug-ins again and again.
 class ScanWalk {
   public:
-    ScanWalk(std::vector<std::string> topFolders, bool includeFolders, bool ignoreFxFactory)
+    /// `keepFolders`: the plug-ins' folders are kept open in the paths listed
+    /// (for a load, which looks inside each plug-in next).
+    ScanWalk(std::vector<std::string> topFolders, bool includeFolders, bool ignoreFxFactory,
+             bool keepFolders = false)
         : topFolders_(std::move(topFolders)),
           includeFolders_(includeFolders),
-          ignoreFxFactory_(ignoreFxFactory) {}
+          ignoreFxFactory_(ignoreFxFactory),
+          keepFolders_(keepFolders) {}
 
     /// The paths below one folder of the listing, with what the walk learnt
     /// of each; nothing when the folder cannot be listed.
@@ -182,7 +186,7 @@ class ScanWalk {
     std::vector<std::string> canonicalTops_;
     std::vector<std::string> allowedPlaces_;
     bool canonicalDone_ = false;
-    bool includeFolders_, ignoreFxFactory_;
+    bool includeFolders_, ignoreFxFactory_, keepFolders_;
     std::set<Identity> walked_;
 };
 
@@ -314,7 +318,7 @@ bool ScanWalk::list(const std::string& plain, const std::string& asGiven,
                     std::vector<ListedPath>& result, bool& holdsOwnTemplate) {
     std::string error;
     std::shared_ptr<const KTOpenFolder> folder;
-    auto entries = listFolder(plain, error, &folder);
+    auto entries = listFolder(plain, error, keepFolders_ ? &folder : nullptr);
     if (!entries) {
         KTLog::appendLog("Error getting contents of directory %@ - %@", asGiven, error);
         return false;
@@ -440,7 +444,8 @@ std::vector<std::string> AppController::listFilteredPlugins(bool includeDisabled
 
 namespace {
 std::vector<ListedPath> listWithShapes(bool includeDisabled, bool includeFolders,
-                                       const std::vector<std::string>& folders) {
+                                       const std::vector<std::string>& folders,
+                                       bool keepFolders = false) {
     KTLog::appendLog("Generating list of plugins...");
     const bool ignoreFxFactory = KTPreferences::standard().integerForKey("ignoreFxFactory") == 1;
     std::vector<std::string> scanned;
@@ -448,7 +453,7 @@ std::vector<ListedPath> listWithShapes(bool includeDisabled, bool includeFolders
         for (const auto& folder : folders)
             scanned.push_back(pass == 0 ? folder : KTPluginLocations::disabledPathForPath(folder));
     }
-    ScanWalk walk(scanned, includeFolders, ignoreFxFactory);
+    ScanWalk walk(scanned, includeFolders, ignoreFxFactory, keepFolders);
     std::vector<ListedPath> result;
     for (const auto& folder : scanned) {
         if (auto found = walk.scan(folder))
@@ -592,7 +597,7 @@ void AppController::loadPluginData() {
         KTPluginLocations::FolderCache folderCache;
         const int filter = static_cast<int>(KTPreferences::standard().integerForKey("filter"));
         std::vector<ListedPath> listed = listWithShapes(
-            true, true, foldersForFilter(filter, KTPluginLocations::pluginFolderDict()));
+            true, true, foldersForFilter(filter, KTPluginLocations::pluginFolderDict()), true);
         const KTPluginFolderDict dict = KTPluginLocations::pluginFolderDict();
         {
             // At most 3 at a time, and no more than there are processors: the

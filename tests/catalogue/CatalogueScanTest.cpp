@@ -12,6 +12,7 @@
 #include "SharedFiles/KTPreferences.h"
 #include "app/core/AppController.h"
 #include "catalogue/KTGroupItem.h"
+#include "catalogue/KTOpenFolder.h"
 #include "catalogue/KTPluginItem.h"
 #include "catalogue/KTPluginLocations.h"
 #include "catalogue/OutlineViewController.h"
@@ -185,9 +186,17 @@ TEST(CatalogueScanTest, BundleDetailsFillIn) {
     makeBundle(vst + "/Universal.vst3", "Universal Synth", "4.2", {0x01000007, 0x0100000c});
     makeBundle(vst + "/Apple.vst3", "Apple Only", "1.0", {0x0100000c});
     makeBundle(vst + "/Placeholder.vst3", "${PRODUCT_NAME}", "0.9");
+    // Read from the folder the scan listed it in, a group's as well as the kind folder's.
+    makeBundle(vst + "/Pack/Deutsch.vst3", "Plain", "1");
+    ScratchRoot::writeFile(vst + "/Pack/Deutsch.vst3/Contents/Resources/de.lproj/InfoPlist.strings",
+                           "CFBundleName = \"Deutsch Synth\";");
 
     Catalogue c;
     c.load();
+    // The folders kept open for the load are closed once it has ended.
+    EXPECT_EQ(KTOpenFolder::openCount(), 0);
+    ASSERT_TRUE(c.plugin("Deutsch.vst3"));
+    EXPECT_EQ(c.plugin("Deutsch.vst3")->shortName(), "Deutsch Synth");
     auto uni = c.plugin("Universal.vst3");
     ASSERT_TRUE(uni);
     EXPECT_EQ(uni->shortName(), "Universal Synth");
