@@ -234,11 +234,22 @@ void ScanWalk::logRefusal(const std::string& link, const std::string& target,
     KTLog::appendLog("Not following link %@ to %@ - %@", link, target.empty() ? "?" : target, why);
 }
 
+/// The last component of a path, as the file system names it: after the
+/// last "/", empty when the path ends with one.
+std::string lastComponent(const std::string& path) {
+    const auto slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
 /// Display name of a path's last component: the name less its extension,
 /// unless the extension is a number ("Denoise 2.5" stays whole).
 std::string shortNameForPath(const std::string& path) {
-    std::string name = std::filesystem::path(path).filename().string();
-    if (name.empty()) name = std::filesystem::path(path).parent_path().filename().string();
+    std::string name = lastComponent(path);
+    if (name.empty()) {
+        std::string parent = path;
+        while (!parent.empty() && parent.back() == '/') parent.pop_back();
+        name = lastComponent(parent);
+    }
     std::string ext = KTFilePackage::lowerExtension(name);
     if (ext.empty() || KTPluginLocations::isNumeric(ext)) return name;
     return name.substr(0, name.size() - ext.size() - 1);
@@ -463,10 +474,64 @@ std::vector<ListedPath> listWithShapes(bool includeDisabled, bool includeFolders
     return result;
 }
 
+/// The folder table in the order paths are classified by, looked up once
+/// per load instead of once per key and path.
+class Classification {
+  public:
+    struct Kind {
+        std::string folder;       ///< the table's value
+        std::string folderSlash;  ///< the same with a trailing "/"
+        int kind, access;
+    };
+
+    explicit Classification(const KTPluginFolderDict& dict) {
+        static const std::pair<const char*, std::pair<int, int>> kTable[] = {
+            {"localFxPlug", {0, 0}},
+            {"userFxPlug", {0, 1}},
+            {"localFxScript", {1, 0}},
+            {"userFxScript", {1, 1}},
+            {"localAU", {2, 0}},
+            {"userAU", {2, 1}},
+            {"avidAVX", {3, 0}},
+            {"avidAVX2", {5, 0}},
+            {"avidRTAS", {6, 0}},
+            {"adobeCommon", {4, 0}},
+            {"localVST", {7, 0}},
+            {"userVST", {7, 1}},
+            {"localVST2", {11, 0}},
+            {"userVST2", {11, 1}},
+            {"localVST3", {12, 0}},
+            {"userVST3", {12, 1}},
+            {"localMotionTemplate", {8, 0}},
+            {"userMotionTemplate", {8, 1}},
+            {"localOFX", {9, 0}},
+            {"localQuartz", {10, 0}},
+            {"userQuartz", {10, 1}},
+        };
+        for (const auto& [key, codes] : kTable) {
+            auto value = KTPluginLocations::folderForKey(dict, key);
+            if (!value || value->empty()) continue;
+            kinds_.push_back(
+                {*value, *KTLocalPaths::ensureTrailingSlash(*value), codes.first, codes.second});
+        }
+    }
+
+    /// The first kind whose folder the path begins with, or null.
+    const Kind* match(const std::string& path) const {
+        for (const auto& k : kinds_) {
+            if (path.compare(0, k.folder.size(), k.folder) == 0) return &k;
+        }
+        return nullptr;
+    }
+
+  private:
+    std::vector<Kind> kinds_;
+};
+
 /// Classifies one listed path and adds it to the tree (the body of
 /// `processPluginAtPath:filter:pluginFolderDict:disabledPath:`).
 void classifyPath(OutlineViewController& outline, const ListedPath& listed,
-                  const KTPluginFolderDict& dict, const std::string& disabledPath) {
+                  const Classification& table, const std::string& disabledPath) {
     const std::string& path = listed.path;
     KTLog::fastAppendLog("Processing plugin %@", path);
     bool folderEntry, isGroup;
@@ -488,56 +553,28 @@ void classifyPath(OutlineViewController& outline, const ListedPath& listed,
             isGroup = folderEntry && !isMotionTemplateFolder(path);
     }
 
-    std::string cut = path;
+    std::string cut;
     long long enabled = 1;
-    if (path.size() > disabledPath.size() + 1 &&
-        path.compare(0, disabledPath.size(), disabledPath) == 0) {
-        cut = path.substr(disabledPath.size());
+    const bool disabled = path.size() > disabledPath.size() + 1 &&
+                          path.compare(0, disabledPath.size(), disabledPath) == 0;
+    if (disabled) {
         // The rest mirrors the plug-in's path as a host sees it; map it back
         // onto this machine's system root.
-        cut = KTLocalPaths::realPath(cut);
+        cut = KTLocalPaths::realPath(path.substr(disabledPath.size()));
         enabled = 0;
     }
+    const std::string& place = disabled ? cut : path;
 
     std::int64_t kind = -1, access = -1;
-    std::string base;
-    static const std::pair<const char*, std::pair<int, int>> kClassification[] = {
-        {"localFxPlug", {0, 0}},
-        {"userFxPlug", {0, 1}},
-        {"localFxScript", {1, 0}},
-        {"userFxScript", {1, 1}},
-        {"localAU", {2, 0}},
-        {"userAU", {2, 1}},
-        {"avidAVX", {3, 0}},
-        {"avidAVX2", {5, 0}},
-        {"avidRTAS", {6, 0}},
-        {"adobeCommon", {4, 0}},
-        {"localVST", {7, 0}},
-        {"userVST", {7, 1}},
-        {"localVST2", {11, 0}},
-        {"userVST2", {11, 1}},
-        {"localVST3", {12, 0}},
-        {"userVST3", {12, 1}},
-        {"localMotionTemplate", {8, 0}},
-        {"userMotionTemplate", {8, 1}},
-        {"localOFX", {9, 0}},
-        {"localQuartz", {10, 0}},
-        {"userQuartz", {10, 1}},
-    };
-    for (const auto& [key, codes] : kClassification) {
-        auto value = KTPluginLocations::folderForKey(dict, key);
-        if (value && !value->empty() && cut.compare(0, value->size(), *value) == 0) {
-            kind = codes.first;
-            access = codes.second;
-            base = *value;
-            break;
-        }
-    }
+    static const std::string kNone;
+    const Classification::Kind* match = table.match(place);
+    if (match) kind = match->kind, access = match->access;
+    const std::string& base = match ? match->folder : kNone;
 
     std::string subdir;
     std::string parent =
-        *KTLocalPaths::ensureTrailingSlash(KTPluginLocations::deletingLastPathComponent(cut));
-    std::string baseSlash = *KTLocalPaths::ensureTrailingSlash(base);
+        *KTLocalPaths::ensureTrailingSlash(KTPluginLocations::deletingLastPathComponent(place));
+    const std::string& baseSlash = match ? match->folderSlash : kNone;
     if (!base.empty() && parent.size() > baseSlash.size() &&
         parent.compare(0, baseSlash.size(), baseSlash) == 0)
         subdir = parent.substr(baseSlash.size());
@@ -546,7 +583,7 @@ void classifyPath(OutlineViewController& outline, const ListedPath& listed,
     subdir = *KTLocalPaths::stripTrailingSlash(subdir);
     if (subdir == "/") subdir.clear();
 
-    const std::string fileName = std::filesystem::path(path).filename().string();
+    const std::string fileName = lastComponent(path);
     if (isGroup) {
         std::string groupSubdir = subdir.empty() ? fileName : subdir + "/" + fileName;
         std::string basePath = *KTLocalPaths::stripTrailingSlash(base);
@@ -575,7 +612,7 @@ void AppController::processPluginAtPath(const std::string& path) {
 void AppController::processPluginAtPath(const std::string& path, int /*filter*/,
                                         const KTPluginFolderDict& dict,
                                         const std::string& disabledPath) {
-    classifyPath(*outline_, {path, ListedShape::Unknown}, dict, disabledPath);
+    classifyPath(*outline_, {path, ListedShape::Unknown}, Classification(dict), disabledPath);
 }
 
 void AppController::loadPluginData() {
@@ -598,7 +635,7 @@ void AppController::loadPluginData() {
         const int filter = static_cast<int>(KTPreferences::standard().integerForKey("filter"));
         std::vector<ListedPath> listed = listWithShapes(
             true, true, foldersForFilter(filter, KTPluginLocations::pluginFolderDict()), true);
-        const KTPluginFolderDict dict = KTPluginLocations::pluginFolderDict();
+        const Classification table(KTPluginLocations::pluginFolderDict());
         {
             // At most 3 at a time, and no more than there are processors: the
             // work is system calls, and threads beyond the processors only
@@ -609,10 +646,10 @@ void AppController::loadPluginData() {
             const std::size_t run = std::clamp<std::size_t>(listed.size() / (8 * cpus), 1, 64);
             for (std::size_t first = 0; first < listed.size(); first += run) {
                 const std::size_t last = std::min(listed.size(), first + run);
-                queue.addOperation([this, first, last, &listed, &dict, &disabled] {
+                queue.addOperation([this, first, last, &listed, &table, &disabled] {
                     OutlineViewController::DeferredAppends appends(*outline_);
                     for (std::size_t i = first; i < last; ++i)
-                        classifyPath(*outline_, listed[i], dict, disabled);
+                        classifyPath(*outline_, listed[i], table, disabled);
                 });
             }
             queue.waitUntilAllOperationsAreFinished();
