@@ -71,17 +71,10 @@ bool startsWith(const std::string& s, const char* prefix) {
     return s.rfind(prefix, 0) == 0;
 }
 
-/// The localisation folders of a bundle's resources (open as `resources`),
-/// English first; nothing (and no listing) when there is no such folder,
-/// which is most bundles.
-std::vector<std::string> localisations(int resources) {
+/// The localisation folders of a bundle's resources (being listed as
+/// `dir`), English first.
+std::vector<std::string> localisations(DIR* dir) {
     std::vector<std::string> preferred, others;
-    const int listing = ::fcntl(resources, F_DUPFD_CLOEXEC, 0);
-    DIR* dir = listing < 0 ? nullptr : ::fdopendir(listing);
-    if (!dir) {
-        if (listing >= 0) ::close(listing);
-        return {};
-    }
     while (const struct dirent* e = ::readdir(dir)) {
         const std::string name = e->d_name;
         // "x.lproj", never the bare ".lproj", which names no language.
@@ -93,7 +86,6 @@ std::vector<std::string> localisations(int resources) {
         else
             others.push_back(name);
     }
-    ::closedir(dir);
     auto rank = [](const std::string& name) {
         const std::string s = name.substr(0, name.size() - 6);
         return s == "en" ? 0 : s == "English" ? 1 : s == "Base" ? 3 : 2;
@@ -137,10 +129,15 @@ class LocalisedStrings {
         const int fd =
             ::openat(folder_, resources_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK);
         if (fd < 0) return;
-        for (const auto& lproj : localisations(fd)) {
+        DIR* dir = ::fdopendir(fd);
+        if (!dir) {
+            ::close(fd);
+            return;
+        }
+        for (const auto& lproj : localisations(dir)) {
             std::string bytes;
             const std::string file = lproj + "/InfoPlist.strings";
-            if (readRegularFile(fd, file.c_str(), bytes) != Opened::Read) continue;
+            if (readRegularFile(::dirfd(dir), file.c_str(), bytes) != Opened::Read) continue;
             std::string why;
             if (auto table = KTStringsFile::parse(bytes, &why)) {
                 tables_.push_back(std::move(*table));
@@ -151,7 +148,7 @@ class LocalisedStrings {
                 break;
             }
         }
-        ::close(fd);
+        ::closedir(dir);
     }
 
     int folder_;
