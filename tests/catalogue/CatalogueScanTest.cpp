@@ -11,6 +11,7 @@
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTPreferences.h"
 #include "app/core/AppController.h"
+#include "catalogue/KTCatalogueEntry.h"
 #include "catalogue/KTGroupItem.h"
 #include "catalogue/KTOpenFolder.h"
 #include "catalogue/KTPluginItem.h"
@@ -365,4 +366,29 @@ TEST(CatalogueScanTest, ManyPathsOverSeveralWorkersHangFromOneTopGroupEach) {
     EXPECT_EQ(groups, 12);
     EXPECT_EQ(titles.size(), 12u);
     EXPECT_EQ(OutlineViewController::countTotalItemsInArray(c.outline().dataArray()), 12 * 26);
+}
+
+TEST(CatalogueScanTest, TheListingPairsNamesakesWithTheirOwnGroupsWhateverTheTreeOrder) {
+    ScratchRoot s;
+    // OpenFX plug-ins in groups: their computed place is not where they are
+    // listed, so the listing pairs them with the tree's items by name.
+    const std::string ofx = s.rootPath("/Library/OFX/Plugins");
+    for (const char* group : {"Alpha", "Beta", "Gamma"})
+        makeBundle(ofx + "/" + group + "/Kaleido.ofx.bundle", std::string("Kaleido ") + group, "1");
+
+    Catalogue c;
+    c.load();
+    // The same paths hung in the opposite order, as workers may.
+    auto paths = c.outline().loadedPaths();
+    std::reverse(paths.begin(), paths.end());
+    c.outline().clearData();
+    for (const auto& p : paths) c.app->processPluginAtPath(p);
+    c.outline().waitForBundleInspection();
+
+    const auto entries = KTCatalogueEntry::collect(*c.app);
+    ASSERT_EQ(entries.size(), 3u);
+    for (const auto& e : entries) {
+        EXPECT_NE(e.path.find("/" + e.group + "/Kaleido.ofx.bundle"), std::string::npos)
+            << e.path << " in " << e.group;
+    }
 }
