@@ -23,6 +23,7 @@
 #include "SharedFiles/KTUserInterface.h"
 #include "app/core/AppController.h"
 #include "catalogue/KTFilePackage.h"
+#include "catalogue/KTOpenFolder.h"
 #include "catalogue/OutlineViewController.h"
 
 namespace {
@@ -55,9 +56,25 @@ struct FolderEntry {
     unsigned char type;  ///< DT_LNK, DT_DIR, ...; DT_UNKNOWN where the file system does not say
 };
 
+/// Whether a listing may add a plug-in of this folder itself, so that the
+/// folder is worth keeping open: not a template's own folder (its listing
+/// ends at the document), and something there that is no folder or has a
+/// plug-in's extension.
+bool mayHoldPlugin(const std::vector<FolderEntry>& entries) {
+    bool some = false;
+    for (const auto& e : entries) {
+        const std::string ext = KTFilePackage::lowerExtension(e.name);
+        if (isTemplateDocumentExtension(ext)) return false;
+        some = some || e.type != DT_DIR || isListedPluginExtension(ext);
+    }
+    return some;
+}
+
 /// The entries of a folder in the order the file system lists them; nothing
-/// with the error text when it cannot be read.
+/// with the error text when it cannot be read. With `kept`, the folder is
+/// also kept open there (when the bound allows) for the looks that follow.
 std::optional<std::vector<FolderEntry>> listFolder(const std::string& folder, std::string& error,
+                                                   std::shared_ptr<const KTOpenFolder>* kept,
                                                    bool settled = false) {
     DIR* dir = ::opendir(folder.c_str());
     if (!dir) {
@@ -76,13 +93,15 @@ std::optional<std::vector<FolderEntry>> listFolder(const std::string& folder, st
         }
         entries.push_back({e->d_name, e->d_type});
     }
-    ::closedir(dir);
     if (leftovers && !settled) {
+        ::closedir(dir);
         // What a killed run left here is settled first (a live run's work is
         // left alone), so that a plug-in put back is listed too.
         KTTransfer::shared().recoverFolder(folder);
-        return listFolder(folder, error, true);
+        return listFolder(folder, error, kept, true);
     }
+    if (kept && mayHoldPlugin(entries)) *kept = KTOpenFolder::keep(::dirfd(dir));
+    ::closedir(dir);
     return entries;
 }
 
@@ -99,6 +118,8 @@ enum class ListedShape : unsigned char {
 struct ListedPath {
     std::string path;
     ListedShape shape;
+    /// The folder it was listed in, still open, for a plug-in; else none.
+    std::shared_ptr<const KTOpenFolder> folder = nullptr;
 };
 
 /// The name a Motion template's document carries inside the template's
@@ -130,10 +151,14 @@ std::string canonical(const std::string& path) {
 /// the same plug-ins again and again.
 class ScanWalk {
   public:
-    ScanWalk(std::vector<std::string> topFolders, bool includeFolders, bool ignoreFxFactory)
+    /// `keepFolders`: the plug-ins' folders are kept open in the paths listed
+    /// (for a load, which looks inside each plug-in next).
+    ScanWalk(std::vector<std::string> topFolders, bool includeFolders, bool ignoreFxFactory,
+             bool keepFolders = false)
         : topFolders_(std::move(topFolders)),
           includeFolders_(includeFolders),
-          ignoreFxFactory_(ignoreFxFactory) {}
+          ignoreFxFactory_(ignoreFxFactory),
+          keepFolders_(keepFolders) {}
 
     /// The paths below one folder of the listing, with what the walk learnt
     /// of each; nothing when the folder cannot be listed.
@@ -161,7 +186,7 @@ class ScanWalk {
     std::vector<std::string> canonicalTops_;
     std::vector<std::string> allowedPlaces_;
     bool canonicalDone_ = false;
-    bool includeFolders_, ignoreFxFactory_;
+    bool includeFolders_, ignoreFxFactory_, keepFolders_;
     std::set<Identity> walked_;
 };
 
@@ -209,11 +234,22 @@ void ScanWalk::logRefusal(const std::string& link, const std::string& target,
     KTLog::appendLog("Not following link %@ to %@ - %@", link, target.empty() ? "?" : target, why);
 }
 
+/// The last component of a path, as the file system names it: after the
+/// last "/", empty when the path ends with one.
+std::string lastComponent(const std::string& path) {
+    const auto slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
 /// Display name of a path's last component: the name less its extension,
 /// unless the extension is a number ("Denoise 2.5" stays whole).
 std::string shortNameForPath(const std::string& path) {
-    std::string name = std::filesystem::path(path).filename().string();
-    if (name.empty()) name = std::filesystem::path(path).parent_path().filename().string();
+    std::string name = lastComponent(path);
+    if (name.empty()) {
+        std::string parent = path;
+        while (!parent.empty() && parent.back() == '/') parent.pop_back();
+        name = lastComponent(parent);
+    }
     std::string ext = KTFilePackage::lowerExtension(name);
     if (ext.empty() || KTPluginLocations::isNumeric(ext)) return name;
     return name.substr(0, name.size() - ext.size() - 1);
@@ -251,6 +287,7 @@ std::vector<std::string> pathsOf(std::vector<ListedPath>&& listed) {
     std::vector<std::string> paths;
     paths.reserve(listed.size());
     for (auto& l : listed) paths.push_back(std::move(l.path));
+    listed.clear();  // and with them the folders kept open
     return paths;
 }
 }  // namespace
@@ -291,7 +328,8 @@ std::optional<std::vector<ListedPath>> ScanWalk::scan(const std::string& folder)
 bool ScanWalk::list(const std::string& plain, const std::string& asGiven,
                     std::vector<ListedPath>& result, bool& holdsOwnTemplate) {
     std::string error;
-    auto entries = listFolder(plain, error);
+    std::shared_ptr<const KTOpenFolder> folder;
+    auto entries = listFolder(plain, error, keepFolders_ ? &folder : nullptr);
     if (!entries) {
         KTLog::appendLog("Error getting contents of directory %@ - %@", asGiven, error);
         return false;
@@ -317,14 +355,16 @@ bool ScanWalk::list(const std::string& plain, const std::string& asGiven,
             return true;  // the folder is a template: its parent lists it
         if (isListedPluginExtension(ext)) {
             // Its extension alone says it is no group and no template.
-            result.push_back({full, ListedShape::Item});
+            result.push_back({full, ListedShape::Item, folder});
             continue;
         }
         // A folder has no file type of its own (that is a file's): only
         // what may be a file is asked for one.
         if (type != DT_DIR && KTFinderInfo::typeCode(full) == KTFinderInfo::kFxScriptType) {
-            result.push_back({full, type == DT_LNK || type == DT_UNKNOWN ? ListedShape::Unknown
-                                                                         : ListedShape::Item});
+            result.push_back(
+                {full,
+                 type == DT_LNK || type == DT_UNKNOWN ? ListedShape::Unknown : ListedShape::Item,
+                 folder});
             continue;
         }
         if (!ext.empty() && ext != "localized" && !KTPluginLocations::isNumeric(ext)) continue;
@@ -415,7 +455,8 @@ std::vector<std::string> AppController::listFilteredPlugins(bool includeDisabled
 
 namespace {
 std::vector<ListedPath> listWithShapes(bool includeDisabled, bool includeFolders,
-                                       const std::vector<std::string>& folders) {
+                                       const std::vector<std::string>& folders,
+                                       bool keepFolders = false) {
     KTLog::appendLog("Generating list of plugins...");
     const bool ignoreFxFactory = KTPreferences::standard().integerForKey("ignoreFxFactory") == 1;
     std::vector<std::string> scanned;
@@ -423,7 +464,7 @@ std::vector<ListedPath> listWithShapes(bool includeDisabled, bool includeFolders
         for (const auto& folder : folders)
             scanned.push_back(pass == 0 ? folder : KTPluginLocations::disabledPathForPath(folder));
     }
-    ScanWalk walk(scanned, includeFolders, ignoreFxFactory);
+    ScanWalk walk(scanned, includeFolders, ignoreFxFactory, keepFolders);
     std::vector<ListedPath> result;
     for (const auto& folder : scanned) {
         if (auto found = walk.scan(folder))
@@ -433,10 +474,64 @@ std::vector<ListedPath> listWithShapes(bool includeDisabled, bool includeFolders
     return result;
 }
 
+/// The folder table in the order paths are classified by, looked up once
+/// per load instead of once per key and path.
+class Classification {
+  public:
+    struct Kind {
+        std::string folder;       ///< the table's value
+        std::string folderSlash;  ///< the same with a trailing "/"
+        int kind, access;
+    };
+
+    explicit Classification(const KTPluginFolderDict& dict) {
+        static const std::pair<const char*, std::pair<int, int>> kTable[] = {
+            {"localFxPlug", {0, 0}},
+            {"userFxPlug", {0, 1}},
+            {"localFxScript", {1, 0}},
+            {"userFxScript", {1, 1}},
+            {"localAU", {2, 0}},
+            {"userAU", {2, 1}},
+            {"avidAVX", {3, 0}},
+            {"avidAVX2", {5, 0}},
+            {"avidRTAS", {6, 0}},
+            {"adobeCommon", {4, 0}},
+            {"localVST", {7, 0}},
+            {"userVST", {7, 1}},
+            {"localVST2", {11, 0}},
+            {"userVST2", {11, 1}},
+            {"localVST3", {12, 0}},
+            {"userVST3", {12, 1}},
+            {"localMotionTemplate", {8, 0}},
+            {"userMotionTemplate", {8, 1}},
+            {"localOFX", {9, 0}},
+            {"localQuartz", {10, 0}},
+            {"userQuartz", {10, 1}},
+        };
+        for (const auto& [key, codes] : kTable) {
+            auto value = KTPluginLocations::folderForKey(dict, key);
+            if (!value || value->empty()) continue;
+            kinds_.push_back(
+                {*value, *KTLocalPaths::ensureTrailingSlash(*value), codes.first, codes.second});
+        }
+    }
+
+    /// The first kind whose folder the path begins with, or null.
+    const Kind* match(const std::string& path) const {
+        for (const auto& k : kinds_) {
+            if (path.compare(0, k.folder.size(), k.folder) == 0) return &k;
+        }
+        return nullptr;
+    }
+
+  private:
+    std::vector<Kind> kinds_;
+};
+
 /// Classifies one listed path and adds it to the tree (the body of
 /// `processPluginAtPath:filter:pluginFolderDict:disabledPath:`).
 void classifyPath(OutlineViewController& outline, const ListedPath& listed,
-                  const KTPluginFolderDict& dict, const std::string& disabledPath) {
+                  const Classification& table, const std::string& disabledPath) {
     const std::string& path = listed.path;
     KTLog::fastAppendLog("Processing plugin %@", path);
     bool folderEntry, isGroup;
@@ -458,56 +553,28 @@ void classifyPath(OutlineViewController& outline, const ListedPath& listed,
             isGroup = folderEntry && !isMotionTemplateFolder(path);
     }
 
-    std::string cut = path;
+    std::string cut;
     long long enabled = 1;
-    if (path.size() > disabledPath.size() + 1 &&
-        path.compare(0, disabledPath.size(), disabledPath) == 0) {
-        cut = path.substr(disabledPath.size());
+    const bool disabled = path.size() > disabledPath.size() + 1 &&
+                          path.compare(0, disabledPath.size(), disabledPath) == 0;
+    if (disabled) {
         // The rest mirrors the plug-in's path as a host sees it; map it back
         // onto this machine's system root.
-        cut = KTLocalPaths::realPath(cut);
+        cut = KTLocalPaths::realPath(path.substr(disabledPath.size()));
         enabled = 0;
     }
+    const std::string& place = disabled ? cut : path;
 
     std::int64_t kind = -1, access = -1;
-    std::string base;
-    static const std::pair<const char*, std::pair<int, int>> kClassification[] = {
-        {"localFxPlug", {0, 0}},
-        {"userFxPlug", {0, 1}},
-        {"localFxScript", {1, 0}},
-        {"userFxScript", {1, 1}},
-        {"localAU", {2, 0}},
-        {"userAU", {2, 1}},
-        {"avidAVX", {3, 0}},
-        {"avidAVX2", {5, 0}},
-        {"avidRTAS", {6, 0}},
-        {"adobeCommon", {4, 0}},
-        {"localVST", {7, 0}},
-        {"userVST", {7, 1}},
-        {"localVST2", {11, 0}},
-        {"userVST2", {11, 1}},
-        {"localVST3", {12, 0}},
-        {"userVST3", {12, 1}},
-        {"localMotionTemplate", {8, 0}},
-        {"userMotionTemplate", {8, 1}},
-        {"localOFX", {9, 0}},
-        {"localQuartz", {10, 0}},
-        {"userQuartz", {10, 1}},
-    };
-    for (const auto& [key, codes] : kClassification) {
-        auto value = KTPluginLocations::folderForKey(dict, key);
-        if (value && !value->empty() && cut.compare(0, value->size(), *value) == 0) {
-            kind = codes.first;
-            access = codes.second;
-            base = *value;
-            break;
-        }
-    }
+    static const std::string kNone;
+    const Classification::Kind* match = table.match(place);
+    if (match) kind = match->kind, access = match->access;
+    const std::string& base = match ? match->folder : kNone;
 
     std::string subdir;
     std::string parent =
-        *KTLocalPaths::ensureTrailingSlash(KTPluginLocations::deletingLastPathComponent(cut));
-    std::string baseSlash = *KTLocalPaths::ensureTrailingSlash(base);
+        *KTLocalPaths::ensureTrailingSlash(KTPluginLocations::deletingLastPathComponent(place));
+    const std::string& baseSlash = match ? match->folderSlash : kNone;
     if (!base.empty() && parent.size() > baseSlash.size() &&
         parent.compare(0, baseSlash.size(), baseSlash) == 0)
         subdir = parent.substr(baseSlash.size());
@@ -516,7 +583,7 @@ void classifyPath(OutlineViewController& outline, const ListedPath& listed,
     subdir = *KTLocalPaths::stripTrailingSlash(subdir);
     if (subdir == "/") subdir.clear();
 
-    const std::string fileName = std::filesystem::path(path).filename().string();
+    const std::string fileName = lastComponent(path);
     if (isGroup) {
         std::string groupSubdir = subdir.empty() ? fileName : subdir + "/" + fileName;
         std::string basePath = *KTLocalPaths::stripTrailingSlash(base);
@@ -526,7 +593,8 @@ void classifyPath(OutlineViewController& outline, const ListedPath& listed,
     }
     std::optional<std::string> sub;
     if (!subdir.empty()) sub = subdir;
-    outline.addPlugin(fileName, shortNameForPath(path), sub, "", kind, access, enabled, path);
+    outline.addPlugin(fileName, shortNameForPath(path), sub, "", kind, access, enabled, path,
+                      listed.folder);
 }
 }  // namespace
 
@@ -544,7 +612,7 @@ void AppController::processPluginAtPath(const std::string& path) {
 void AppController::processPluginAtPath(const std::string& path, int /*filter*/,
                                         const KTPluginFolderDict& dict,
                                         const std::string& disabledPath) {
-    classifyPath(*outline_, {path, ListedShape::Unknown}, dict, disabledPath);
+    classifyPath(*outline_, {path, ListedShape::Unknown}, Classification(dict), disabledPath);
 }
 
 void AppController::loadPluginData() {
@@ -566,8 +634,8 @@ void AppController::loadPluginData() {
         KTPluginLocations::FolderCache folderCache;
         const int filter = static_cast<int>(KTPreferences::standard().integerForKey("filter"));
         std::vector<ListedPath> listed = listWithShapes(
-            true, true, foldersForFilter(filter, KTPluginLocations::pluginFolderDict()));
-        const KTPluginFolderDict dict = KTPluginLocations::pluginFolderDict();
+            true, true, foldersForFilter(filter, KTPluginLocations::pluginFolderDict()), true);
+        const Classification table(KTPluginLocations::pluginFolderDict());
         {
             // At most 3 at a time, and no more than there are processors: the
             // work is system calls, and threads beyond the processors only
@@ -578,10 +646,10 @@ void AppController::loadPluginData() {
             const std::size_t run = std::clamp<std::size_t>(listed.size() / (8 * cpus), 1, 64);
             for (std::size_t first = 0; first < listed.size(); first += run) {
                 const std::size_t last = std::min(listed.size(), first + run);
-                queue.addOperation([this, first, last, &listed, &dict, &disabled] {
+                queue.addOperation([this, first, last, &listed, &table, &disabled] {
                     OutlineViewController::DeferredAppends appends(*outline_);
                     for (std::size_t i = first; i < last; ++i)
-                        classifyPath(*outline_, listed[i], dict, disabled);
+                        classifyPath(*outline_, listed[i], table, disabled);
                 });
             }
             queue.waitUntilAllOperationsAreFinished();

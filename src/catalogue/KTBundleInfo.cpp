@@ -1,5 +1,6 @@
 #include "catalogue/KTBundleInfo.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -21,14 +22,26 @@ namespace {
 
 enum class Opened { Read, Missing, Refused };
 
+/// Where the looks of one bundle start: the folder that holds it when that
+/// is open (each look then walks the bundle's name and what follows), else
+/// the current directory with the whole path.
+struct Place {
+    int folder;
+    std::string prefix;  ///< the bundle's name, or its whole path
+};
+
 /// Reads a regular file of at most `limit` bytes: one open, one fstat and
 /// the reads, a bundle being read once per plug-in per load. `Missing` when
 /// nothing is at the path or a component above it is no folder (ENOENT,
-/// ENOTDIR) or the path is no regular file; `Refused` when it is one that
-/// cannot be opened or is too big.
-Opened readRegularFile(const fs::path& p, std::string& out, std::size_t limit = 4 << 20) {
-    const int fd = ::open(p.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0) return errno == ENOENT || errno == ENOTDIR ? Opened::Missing : Opened::Refused;
+/// ENOTDIR, told in `error`) or the path is no regular file; `Refused` when
+/// it is one that cannot be opened or is too big.
+Opened readRegularFile(int folder, const char* p, std::string& out, int* error = nullptr,
+                       std::size_t limit = 4 << 20) {
+    const int fd = ::openat(folder, p, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) {
+        if (error) *error = errno;
+        return errno == ENOENT || errno == ENOTDIR ? Opened::Missing : Opened::Refused;
+    }
     struct stat st {};
     Opened result = Opened::Refused;
     const bool known = ::fstat(fd, &st) == 0;
@@ -49,30 +62,35 @@ Opened readRegularFile(const fs::path& p, std::string& out, std::size_t limit = 
     return result;
 }
 
-bool readSmallFile(const fs::path& p, std::string& out, std::size_t limit = 4 << 20) {
-    return readRegularFile(p, out, limit) == Opened::Read;
+bool isKind(int folder, const std::string& p, mode_t kind) {
+    struct stat st {};
+    return ::fstatat(folder, p.c_str(), &st, 0) == 0 && (st.st_mode & S_IFMT) == kind;
 }
 
-/// The localisation folders of a bundle's resources, English first.
-std::vector<fs::path> localisations(const fs::path& resources) {
-    std::vector<fs::path> preferred, others;
-    std::error_code ec;
-    for (auto it = fs::directory_iterator(resources, ec); !ec && it != fs::directory_iterator();
-         it.increment(ec)) {
-        const fs::path& p = it->path();
-        if (p.extension() != ".lproj") continue;
-        std::string stem = p.stem().string();
-        if (stem == "en" || stem == "English" || stem == "Base" || stem.rfind("en_", 0) == 0 ||
-            stem.rfind("en-", 0) == 0)
-            preferred.push_back(p);
+bool startsWith(const std::string& s, const char* prefix) {
+    return s.rfind(prefix, 0) == 0;
+}
+
+/// The localisation folders of a bundle's resources (being listed as
+/// `dir`), English first.
+std::vector<std::string> localisations(DIR* dir) {
+    std::vector<std::string> preferred, others;
+    while (const struct dirent* e = ::readdir(dir)) {
+        const std::string name = e->d_name;
+        // "x.lproj", never the bare ".lproj", which names no language.
+        if (name.size() <= 6 || name.compare(name.size() - 6, 6, ".lproj") != 0) continue;
+        const std::string stem = name.substr(0, name.size() - 6);
+        if (stem == "en" || stem == "English" || stem == "Base" || startsWith(stem, "en_") ||
+            startsWith(stem, "en-"))
+            preferred.push_back(name);
         else
-            others.push_back(p);
+            others.push_back(name);
     }
-    auto rank = [](const fs::path& p) {
-        std::string s = p.stem().string();
+    auto rank = [](const std::string& name) {
+        const std::string s = name.substr(0, name.size() - 6);
         return s == "en" ? 0 : s == "English" ? 1 : s == "Base" ? 3 : 2;
     };
-    std::sort(preferred.begin(), preferred.end(), [&](const fs::path& a, const fs::path& b) {
+    std::sort(preferred.begin(), preferred.end(), [&](const std::string& a, const std::string& b) {
         return rank(a) != rank(b) ? rank(a) < rank(b) : a < b;
     });
     std::sort(others.begin(), others.end());
@@ -81,10 +99,13 @@ std::vector<fs::path> localisations(const fs::path& resources) {
 }
 
 /// The InfoPlist.strings tables of a bundle's localisations, English
-/// first; each folder is listed and each table parsed once, when first asked.
+/// first; the folder is looked for, listed and each table parsed once, when
+/// first asked.
 class LocalisedStrings {
   public:
-    explicit LocalisedStrings(fs::path resources) : resources_(std::move(resources)) {}
+    /// `resources` relative to `folder`; `shown` is its absolute path, for the log.
+    LocalisedStrings(int folder, std::string resources, std::string shown)
+        : folder_(folder), resources_(std::move(resources)), shown_(std::move(shown)) {}
 
     /// Whether a table was refused (and logged): the bundle is not to be believed.
     bool refused() const { return refused_; }
@@ -92,21 +113,9 @@ class LocalisedStrings {
     std::optional<std::string> value(const char* key) {
         if (!loaded_) {
             loaded_ = true;
-            for (const auto& lproj : localisations(resources_)) {
-                std::string bytes;
-                const fs::path file = lproj / "InfoPlist.strings";
-                if (!readSmallFile(file, bytes)) continue;
-                std::string why;
-                if (auto table = KTStringsFile::parse(bytes, &why)) {
-                    tables_.push_back(std::move(*table));
-                } else {
-                    KTLog::appendLog("Unable to read strings file %@ - %@", file.string(), why);
-                    refused_ = true;
-                    tables_.clear();
-                    return std::nullopt;
-                }
-            }
+            load();
         }
+        if (refused_) return std::nullopt;
         for (const auto& table : tables_) {
             if (auto it = table.find(key); it != table.end()) return it->second;
         }
@@ -114,7 +123,37 @@ class LocalisedStrings {
     }
 
   private:
-    fs::path resources_;
+    void load() {
+        // One open answers for the usual bundle without resources: no
+        // listing, and the tables below are read relative to the folder.
+        const int fd =
+            ::openat(folder_, resources_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK);
+        if (fd < 0) return;
+        DIR* dir = ::fdopendir(fd);
+        if (!dir) {
+            ::close(fd);
+            return;
+        }
+        for (const auto& lproj : localisations(dir)) {
+            std::string bytes;
+            const std::string file = lproj + "/InfoPlist.strings";
+            if (readRegularFile(::dirfd(dir), file.c_str(), bytes) != Opened::Read) continue;
+            std::string why;
+            if (auto table = KTStringsFile::parse(bytes, &why)) {
+                tables_.push_back(std::move(*table));
+            } else {
+                KTLog::appendLog("Unable to read strings file %@ - %@", shown_ + "/" + file, why);
+                refused_ = true;
+                tables_.clear();
+                break;
+            }
+        }
+        ::closedir(dir);
+    }
+
+    int folder_;
+    std::string resources_;
+    std::string shown_;
     bool loaded_ = false;
     bool refused_ = false;
     std::vector<std::map<std::string, std::string>> tables_;
@@ -154,56 +193,73 @@ std::string KTBundleInfo::infoPlistPath(const std::string& bundlePath) {
 }
 
 KTBundleInfo KTBundleInfo::read(const std::string& bundlePath, Detail detail) {
+    return read(bundlePath, detail, -1);
+}
+
+KTBundleInfo KTBundleInfo::read(const std::string& givenPath, Detail detail, int folder) {
     KTBundleInfo info;
+    std::string bundlePath = givenPath;
+    while (bundlePath.size() > 1 && bundlePath.back() == '/') bundlePath.pop_back();
+    Place at{AT_FDCWD, bundlePath};
+    if (folder >= 0) {
+        const auto slash = bundlePath.rfind('/');
+        const std::string name =
+            slash == std::string::npos ? bundlePath : bundlePath.substr(slash + 1);
+        if (!name.empty() && name != "." && name != "..") at = Place{folder, name};
+    }
     // The Info.plist is opened where it should be, and only what fails is
     // looked at further: most plug-ins are bundles with Contents/Info.plist.
     std::string bytes;
-    std::string plistPath = (fs::path(bundlePath) / "Contents" / "Info.plist").string();
-    Opened opened = readRegularFile(plistPath, bytes);
-    std::error_code ec;
+    bool hasContents = true;
+    std::string plist = at.prefix + "/Contents/Info.plist";
+    int error = 0;
+    Opened opened = readRegularFile(at.folder, plist.c_str(), bytes, &error);
     // Refused for want of a look into Contents: the flat place may still hold one.
-    if (opened == Opened::Refused && !fs::is_regular_file(plistPath, ec)) opened = Opened::Missing;
+    if (opened == Opened::Refused && !isKind(at.folder, plist, S_IFREG)) opened = Opened::Missing;
     if (opened == Opened::Missing) {
-        plistPath = (fs::path(bundlePath) / "Info.plist").string();
-        opened = readRegularFile(plistPath, bytes);
+        hasContents = false;
+        plist = at.prefix + "/Info.plist";
+        opened = readRegularFile(at.folder, plist.c_str(), bytes, &error);
         if (opened == Opened::Missing) {
-            info.isBundle = fs::is_directory(bundlePath, ec);
+            // A plain file (a script, a compiled effect) answers "not a folder"
+            // already; only "nothing there" needs a look at the path itself.
+            info.isBundle = error != ENOTDIR && isKind(at.folder, at.prefix, S_IFDIR);
             return info;
         }
     }
     if (opened == Opened::Refused) {
         // Neither missing nor readable: as a bundle whose plist cannot be read.
-        info.isBundle = fs::is_directory(bundlePath, ec);
+        info.isBundle = isKind(at.folder, at.prefix, S_IFDIR);
         return info;
     }
     info.isBundle = true;
+    const std::string shownPlist =
+        bundlePath + (hasContents ? "/Contents/Info.plist" : "/Info.plist");
     // A refused file leaves the details empty; the item keeps what the scan gave it.
     std::string refused;
-    KTPlistPtr plist = KTPlist::fromMemory(bytes, &refused);
-    if (!refused.empty()) KTPlist::logRefusal(plistPath, refused);
-    if (!plist || plist_get_node_type(plist.get()) != PLIST_DICT) return info;
+    KTPlistPtr dict = KTPlist::fromMemory(bytes, &refused);
+    if (!refused.empty()) KTPlist::logRefusal(shownPlist, refused);
+    if (!dict || plist_get_node_type(dict.get()) != PLIST_DICT) return info;
 
-    const bool hasContents = fs::path(plistPath).parent_path().filename() == "Contents";
-    const fs::path top = hasContents ? fs::path(bundlePath) / "Contents" : fs::path(bundlePath);
-    const fs::path resources = top / "Resources";
-
-    LocalisedStrings localised(resources);
+    const std::string top = hasContents ? at.prefix + "/Contents" : at.prefix;
+    const std::string shownTop = hasContents ? bundlePath + "/Contents" : bundlePath;
+    LocalisedStrings localised(at.folder, top + "/Resources", shownTop + "/Resources");
     std::optional<std::string> name = localised.value("CFBundleDisplayName");
-    if (!name) name = KTPlist::stringForKey(plist.get(), "CFBundleDisplayName");
+    if (!name) name = KTPlist::stringForKey(dict.get(), "CFBundleDisplayName");
     if (!name) name = localised.value("CFBundleName");
-    if (!name) name = KTPlist::stringForKey(plist.get(), "CFBundleName");
+    if (!name) name = KTPlist::stringForKey(dict.get(), "CFBundleName");
     if (localised.refused()) return info;
     if (name && *name != "${PRODUCT_NAME}" && !name->empty()) info.name = name;
 
-    info.version = stringOrNumber(plist.get(), "CFBundleShortVersionString");
-    if (!info.version) info.version = stringOrNumber(plist.get(), "CFBundleVersion");
+    info.version = stringOrNumber(dict.get(), "CFBundleShortVersionString");
+    if (!info.version) info.version = stringOrNumber(dict.get(), "CFBundleVersion");
 
     if (detail == Detail::NamesAndVersion) return info;
-    if (auto exe = KTPlist::stringForKey(plist.get(), "CFBundleExecutable"); exe && !exe->empty()) {
+    if (auto exe = KTPlist::stringForKey(dict.get(), "CFBundleExecutable"); exe && !exe->empty()) {
         // A name with a slash would leave the bundle; plug-ins are not trusted.
         if (exe->find('/') == std::string::npos && *exe != "..") {
-            fs::path binary = hasContents ? top / "MacOS" / *exe : top / *exe;
-            info.architectures = KTMachO::labels(KTMachO::cpuTypesOfFile(binary.string()));
+            const std::string binary = hasContents ? top + "/MacOS/" + *exe : top + "/" + *exe;
+            info.architectures = KTMachO::labels(KTMachO::cpuTypesOfFile(binary, at.folder));
         }
     }
     return info;

@@ -157,14 +157,25 @@ std::vector<KTCatalogueEntry> KTCatalogueEntry::collect(AppController& app) {
     }
     for (std::size_t i = 0; i < paths.size(); ++i) {
         if (found[i]) continue;
-        for (auto it = rest.begin(); it != rest.end(); ++it) {
-            if (paths[i].size() > (*it)->fileName().size() &&
-                paths[i].ends_with("/" + (*it)->fileName()) &&
-                KTPluginLocations::isDisabledPath(paths[i]) == ((*it)->pluginEnabled() == 0)) {
-                found[i] = *it;
-                rest.erase(it);
-                break;
-            }
+        // Namesakes in several groups: the one whose group the path runs
+        // through, else one without a group, else the first; never the
+        // order the workers happened to hang them in.
+        auto best = rest.end();
+        int bestRank = 3;
+        for (auto it = rest.begin(); it != rest.end() && bestRank > 0; ++it) {
+            const std::string& name = (*it)->fileName();
+            if (paths[i].size() <= name.size() || !paths[i].ends_with("/" + name) ||
+                KTPluginLocations::isDisabledPath(paths[i]) != ((*it)->pluginEnabled() == 0))
+                continue;
+            const auto& subdir = (*it)->subdir();
+            const int rank = !subdir || subdir->empty()                       ? 1
+                             : paths[i].ends_with("/" + *subdir + "/" + name) ? 0
+                                                                              : 2;
+            if (rank < bestRank) best = it, bestRank = rank;
+        }
+        if (best != rest.end()) {
+            found[i] = *best;
+            rest.erase(best);
         }
     }
     std::vector<KTCatalogueEntry> entries;

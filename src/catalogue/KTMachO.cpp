@@ -59,7 +59,11 @@ std::vector<std::int32_t> KTMachO::cpuTypes(const std::uint8_t* data, std::size_
 }
 
 std::vector<std::int32_t> KTMachO::cpuTypesOfFile(const std::string& path) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    return cpuTypesOfFile(path, AT_FDCWD);
+}
+
+std::vector<std::int32_t> KTMachO::cpuTypesOfFile(const std::string& path, int folder) {
+    int fd = ::openat(folder, path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) return {};
     struct stat st {};
     if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {  // never block on a FIFO or device

@@ -1,5 +1,8 @@
 #include "catalogue/KTPluginItem.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <atomic>
 
 #include "catalogue/KTBundleInfo.h"
@@ -51,7 +54,8 @@ KTPluginItem::KTPluginItem(const std::string& fileName, std::int64_t pluginType,
 
 KTPluginItem::KTPluginItem(const std::string& fileName, const std::optional<std::string>& subdir,
                            std::int64_t pluginType, std::int64_t pluginAccess,
-                           long long pluginEnabled, const std::string& listedPath) {
+                           long long pluginEnabled, const std::string& listedPath,
+                           int listedFolder) {
     fileName_ = fileName;
     pluginType_ = pluginType;
     pluginAccess_ = pluginAccess;
@@ -68,7 +72,10 @@ KTPluginItem::KTPluginItem(const std::string& fileName, const std::optional<std:
         actualPath_ = pluginPath();
         subdir_ = subdir;
     }
-    setLockStatus();
+    if (listedFolder >= 0 && actualPath_ == listedPath)
+        setLockStatusAt(listedFolder, fileName_);
+    else
+        setLockStatus();
     startInspectionThread();
 }
 
@@ -232,6 +239,13 @@ void KTPluginItem::setLockStatus() {
     isDeletable_ = !managed;
 }
 
+void KTPluginItem::setLockStatusAt(int folder, const std::string& name) {
+    struct stat st {};
+    const bool managed = ::fstatat(folder, (name + "/.fxfactory.plist").c_str(), &st, 0) == 0;
+    if (managed) isLocked_ = true;
+    isDeletable_ = !managed;
+}
+
 KTComparisonResult KTPluginItem::nameCompare(const KTItem& other) const {
     return caseInsensitiveCompare(shortName(), other.sortName());
 }
@@ -271,8 +285,8 @@ bool KTPluginItem::isNumeric(const std::string& text) {
     return KTPluginLocations::isNumeric(text);
 }
 
-void KTPluginItem::populateBundleInfo(KTBundleInfo::Detail detail) {
-    KTBundleInfo info = KTBundleInfo::read(actualPath(), detail);
+void KTPluginItem::populateBundleInfo(KTBundleInfo::Detail detail, int folder) {
+    KTBundleInfo info = KTBundleInfo::read(actualPath(), detail, folder);
     if (!info.isBundle) return;
     if (info.name) setShortName(*info.name);
     if (info.version) setVersion(*info.version);

@@ -37,9 +37,11 @@ class KTPluginItem : public KTItem {
     /// and `listedPath` is where the scan has just seen the plug-in, so neither
     /// the place nor the lock marker is looked for before the item's path is
     /// whole; the lock status is then read once, there.
+    /// `listedFolder`, when not -1, is the listed folder open: the marker is
+    /// then looked for from there.
     KTPluginItem(const std::string& fileName, const std::optional<std::string>& subdir,
                  std::int64_t pluginType, std::int64_t pluginAccess, long long pluginEnabled,
-                 const std::string& listedPath);
+                 const std::string& listedPath, int listedFolder = -1);
     /// Asks a running inspection thread to stop and waits for it.
     ~KTPluginItem() override;
 
@@ -109,7 +111,9 @@ class KTPluginItem : public KTItem {
     /// Reads the bundle at `actualPath` into the item: display name, version
     /// and architecture labels. A plain file (a script, a template document)
     /// keeps what the scan gave it.
-    void populateBundleInfo(KTBundleInfo::Detail detail = KTBundleInfo::Detail::All);
+    /// `folder`, when not -1, is the folder holding `actualPath`, open.
+    void populateBundleInfo(KTBundleInfo::Detail detail = KTBundleInfo::Detail::All,
+                            int folder = -1);
 
     /// The work of the inspection thread (reads the bundle at `actualPath`
     /// and fills in name, version and architectures); it should return soon
@@ -123,6 +127,9 @@ class KTPluginItem : public KTItem {
 
   private:
     void startInspectionThread();
+    /// `setLockStatus` with the marker looked for from the open folder that
+    /// holds `actualPath` (named `name` there).
+    void setLockStatusAt(int folder, const std::string& name);
 
     mutable std::mutex detailsMutex_;  // shortName_, version_, architectures_, actualPath_
     std::string shortName_;

@@ -111,10 +111,14 @@ std::shared_ptr<KTPluginItem> OutlineViewController::addPlugin(
 std::shared_ptr<KTPluginItem> OutlineViewController::addPlugin(
     const std::string& fileName, const std::string& shortName,
     const std::optional<std::string>& subdir, const std::string& version, std::int64_t pluginType,
-    std::int64_t pluginAccess, long long pluginEnabled, const std::string& listedPath) {
+    std::int64_t pluginAccess, long long pluginEnabled, const std::string& listedPath,
+    const std::shared_ptr<const KTOpenFolder>& listedFolder) {
+    const int folder = listedFolder ? listedFolder->fd() : -1;
     auto item = std::make_shared<KTPluginItem>(fileName, subdir, pluginType, pluginAccess,
-                                               pluginEnabled, listedPath);
-    hangNewPlugin(item, shortName, version, false);
+                                               pluginEnabled, listedPath, folder);
+    // The folder holds the item only where the item is what was listed.
+    hangNewPlugin(item, shortName, version, false,
+                  folder >= 0 && item->actualPath() == listedPath ? folder : -1);
     return item;
 }
 
@@ -156,7 +160,7 @@ void OutlineViewController::handToMainThread(const KTItemPtr& item) {
 
 void OutlineViewController::hangNewPlugin(const std::shared_ptr<KTPluginItem>& item,
                                           const std::string& shortName, const std::string& version,
-                                          bool recheckLock) {
+                                          bool recheckLock, int folder) {
     // The constructor looked for the lock marker at this path already.
     const std::string checkedPath = recheckLock ? item->actualPath() : std::string();
     KTItemPtr toAppend;
@@ -177,7 +181,7 @@ void OutlineViewController::hangNewPlugin(const std::shared_ptr<KTPluginItem>& i
 
     const KTBundleInfo::Detail detail = bundleDetail_;
     if (!hasGUI_) {
-        item->populateBundleInfo(detail);
+        item->populateBundleInfo(detail, folder);
         return;
     }
     // Details fill in later; an item dropped meanwhile is simply skipped.
@@ -297,7 +301,12 @@ void OutlineViewController::rebuildPathIndex() {
     pathIndex_.clear();
     nameIndex_.clear();
     indexedRenames_ = KTPluginItem::renameCount();
-    for (const auto& p : allPlugins()) {
+    const auto plugins = allPlugins();
+    // Sized once: a load of thousands of plug-ins otherwise rehashes both
+    // tables a dozen times on the way.
+    pathIndex_.reserve(2 * plugins.size());
+    nameIndex_.reserve(plugins.size());
+    for (const auto& p : plugins) {
         pathIndex_[p->actualPath()] = p;
         pathIndex_.emplace(p->pluginPath(), p);
         nameIndex_.emplace(p->fileName(), p);

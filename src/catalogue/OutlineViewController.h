@@ -11,6 +11,7 @@
 
 #include "catalogue/KTGroupItem.h"
 #include "catalogue/KTItem.h"
+#include "catalogue/KTOpenFolder.h"
 #include "catalogue/KTPluginItem.h"
 #include "catalogue/KTPluginLocations.h"
 #include "operations/KTInstallArgs.h"
@@ -67,13 +68,14 @@ class OutlineViewController {
                                             std::int64_t pluginAccess, long long pluginEnabled);
     /// The same for the scan, which has just seen the plug-in at `listedPath`:
     /// the item is made with its sub-folder, and its place and lock marker
-    /// are looked for once, at its whole path.
-    std::shared_ptr<KTPluginItem> addPlugin(const std::string& fileName,
-                                            const std::string& shortName,
-                                            const std::optional<std::string>& subdir,
-                                            const std::string& version, std::int64_t pluginType,
-                                            std::int64_t pluginAccess, long long pluginEnabled,
-                                            const std::string& listedPath);
+    /// are looked for once, at its whole path, or from `listedFolder` (the
+    /// folder it was listed in, kept open) when there is one.
+    std::shared_ptr<KTPluginItem> addPlugin(
+        const std::string& fileName, const std::string& shortName,
+        const std::optional<std::string>& subdir, const std::string& version,
+        std::int64_t pluginType, std::int64_t pluginAccess, long long pluginEnabled,
+        const std::string& listedPath,
+        const std::shared_ptr<const KTOpenFolder>& listedFolder = nullptr);
     /// The top group of a sub-folder's chain below a base folder, made if missing.
     std::shared_ptr<KTGroupItem> addGroup(const std::string& subdir, const std::string& basePath);
     /// Hangs a plug-in into the group chain of its sub-folder; answers the
@@ -248,8 +250,9 @@ class OutlineViewController {
   private:
     /// Sets the names, hangs a new item into the tree, appends what must go
     /// to the top level and starts the inspection of its bundle.
+    /// `folder`: the open folder holding the item's actual path, or -1.
     void hangNewPlugin(const std::shared_ptr<KTPluginItem>& item, const std::string& shortName,
-                       const std::string& version, bool recheckLock);
+                       const std::string& version, bool recheckLock, int folder = -1);
     /// Appends to the top level from a background thread: through the
     /// thread's DeferredAppends when it has one, else on the main thread.
     void handToMainThread(const KTItemPtr& item);

@@ -11,7 +11,9 @@
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTPreferences.h"
 #include "app/core/AppController.h"
+#include "catalogue/KTCatalogueEntry.h"
 #include "catalogue/KTGroupItem.h"
+#include "catalogue/KTOpenFolder.h"
 #include "catalogue/KTPluginItem.h"
 #include "catalogue/KTPluginLocations.h"
 #include "catalogue/OutlineViewController.h"
@@ -185,9 +187,17 @@ TEST(CatalogueScanTest, BundleDetailsFillIn) {
     makeBundle(vst + "/Universal.vst3", "Universal Synth", "4.2", {0x01000007, 0x0100000c});
     makeBundle(vst + "/Apple.vst3", "Apple Only", "1.0", {0x0100000c});
     makeBundle(vst + "/Placeholder.vst3", "${PRODUCT_NAME}", "0.9");
+    // Read from the folder the scan listed it in, a group's as well as the kind folder's.
+    makeBundle(vst + "/Pack/Deutsch.vst3", "Plain", "1");
+    ScratchRoot::writeFile(vst + "/Pack/Deutsch.vst3/Contents/Resources/de.lproj/InfoPlist.strings",
+                           "CFBundleName = \"Deutsch Synth\";");
 
     Catalogue c;
     c.load();
+    // The folders kept open for the load are closed once it has ended.
+    EXPECT_EQ(KTOpenFolder::openCount(), 0);
+    ASSERT_TRUE(c.plugin("Deutsch.vst3"));
+    EXPECT_EQ(c.plugin("Deutsch.vst3")->shortName(), "Deutsch Synth");
     auto uni = c.plugin("Universal.vst3");
     ASSERT_TRUE(uni);
     EXPECT_EQ(uni->shortName(), "Universal Synth");
@@ -356,4 +366,29 @@ TEST(CatalogueScanTest, ManyPathsOverSeveralWorkersHangFromOneTopGroupEach) {
     EXPECT_EQ(groups, 12);
     EXPECT_EQ(titles.size(), 12u);
     EXPECT_EQ(OutlineViewController::countTotalItemsInArray(c.outline().dataArray()), 12 * 26);
+}
+
+TEST(CatalogueScanTest, TheListingPairsNamesakesWithTheirOwnGroupsWhateverTheTreeOrder) {
+    ScratchRoot s;
+    // OpenFX plug-ins in groups: their computed place is not where they are
+    // listed, so the listing pairs them with the tree's items by name.
+    const std::string ofx = s.rootPath("/Library/OFX/Plugins");
+    for (const char* group : {"Alpha", "Beta", "Gamma"})
+        makeBundle(ofx + "/" + group + "/Kaleido.ofx.bundle", std::string("Kaleido ") + group, "1");
+
+    Catalogue c;
+    c.load();
+    // The same paths hung in the opposite order, as workers may.
+    auto paths = c.outline().loadedPaths();
+    std::reverse(paths.begin(), paths.end());
+    c.outline().clearData();
+    for (const auto& p : paths) c.app->processPluginAtPath(p);
+    c.outline().waitForBundleInspection();
+
+    const auto entries = KTCatalogueEntry::collect(*c.app);
+    ASSERT_EQ(entries.size(), 3u);
+    for (const auto& e : entries) {
+        EXPECT_NE(e.path.find("/" + e.group + "/Kaleido.ofx.bundle"), std::string::npos)
+            << e.path << " in " << e.group;
+    }
 }

@@ -1,6 +1,9 @@
 #include "catalogue/KTBundleInfo.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <sstream>
@@ -200,4 +203,104 @@ TEST(KTBundleInfoTest, NamesAloneSkipTheExecutableAndOddPlacesStillFallThrough) 
     EXPECT_TRUE(bare.isBundle);
     EXPECT_FALSE(bare.name || bare.version);
     EXPECT_FALSE(KTBundleInfo::read(s.rootPath("/Nothing.vst")).isBundle);
+}
+
+namespace {
+
+/// Reads a bundle by its path and again from its open parent folder, as the
+/// catalogue load does; both must tell the same.
+KTBundleInfo readBothWays(const std::string& bundle) {
+    KTBundleInfo byPath = KTBundleInfo::read(bundle);
+    const std::string parent = bundle.substr(0, bundle.rfind('/'));
+    const int folder = ::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    EXPECT_GE(folder, 0) << parent;
+    KTBundleInfo fromFolder = KTBundleInfo::read(bundle, KTBundleInfo::Detail::All, folder);
+    ::close(folder);
+    EXPECT_EQ(byPath.isBundle, fromFolder.isBundle) << bundle;
+    EXPECT_EQ(byPath.name, fromFolder.name) << bundle;
+    EXPECT_EQ(byPath.version, fromFolder.version) << bundle;
+    EXPECT_EQ(byPath.architectures, fromFolder.architectures) << bundle;
+    return fromFolder;
+}
+
+}  // namespace
+
+TEST(KTBundleInfoTest, LocalisationsOrderAndResourcesThatAreNoFolder) {
+    ScratchRoot s;
+    auto bundle = [&](const std::string& name, const std::string& body) {
+        const std::string b = s.rootPath("/Plug-Ins/" + name);
+        ScratchRoot::writeFile(b + "/Contents/Info.plist", infoPlist(body));
+        ScratchRoot::writeFile(b + "/Contents/MacOS/x", thinX86_64());
+        return b;
+    };
+    const std::string exe = "<key>CFBundleExecutable</key><string>x</string>";
+
+    // Resources a plain file, or a pipe: no localisation, the Info.plist names it.
+    const std::string file =
+        bundle("File.vst", "<key>CFBundleName</key><string>File</string>" + exe);
+    ScratchRoot::writeFile(file + "/Contents/Resources", "not a folder");
+    const std::string pipe =
+        bundle("Pipe.vst", "<key>CFBundleName</key><string>Pipe</string>" + exe);
+    ASSERT_EQ(::mkfifo((pipe + "/Contents/Resources").c_str(), 0644), 0);
+    for (const auto& [b, name] : {std::pair{file, "File"}, std::pair{pipe, "Pipe"}}) {
+        KTBundleInfo info = readBothWays(b);
+        EXPECT_EQ(info.name.value_or(""), name);
+        EXPECT_EQ(info.architectures, std::vector<std::string>{"64-bit (Intel)"});
+    }
+
+    // No English table: the languages in name order; a bare ".lproj" and a
+    // file named like a language are none.
+    const std::string foreign =
+        bundle("Foreign.vst", "<key>CFBundleName</key><string>Plain</string>");
+    ScratchRoot::writeFile(foreign + "/Contents/Resources/fr.lproj/InfoPlist.strings",
+                           "CFBundleName = \"Nom\";");
+    ScratchRoot::writeFile(foreign + "/Contents/Resources/de.lproj/InfoPlist.strings",
+                           "CFBundleName = \"Name\";");
+    ScratchRoot::writeFile(foreign + "/Contents/Resources/.lproj/InfoPlist.strings",
+                           "CFBundleName = \"Bare\";");
+    ScratchRoot::writeFile(foreign + "/Contents/Resources/aa.lproj", "CFBundleName = \"File\";");
+    EXPECT_EQ(readBothWays(foreign).name.value_or(""), "Name");
+
+    // Base comes after any English table and before the other languages; a
+    // display name in the Info.plist beats a localised bundle name.
+    const std::string base = bundle("Base.vst", "<key>CFBundleName</key><string>Plain</string>");
+    ScratchRoot::writeFile(base + "/Contents/Resources/Base.lproj/InfoPlist.strings",
+                           "CFBundleName = \"Basic\";");
+    ScratchRoot::writeFile(base + "/Contents/Resources/ab.lproj/InfoPlist.strings",
+                           "CFBundleName = \"Abkhaz\";");
+    EXPECT_EQ(readBothWays(base).name.value_or(""), "Basic");
+    const std::string shown =
+        bundle("Shown.vst", "<key>CFBundleDisplayName</key><string>Shown</string>");
+    ScratchRoot::writeFile(shown + "/Contents/Resources/en.lproj/InfoPlist.strings",
+                           "CFBundleName = \"Localised\";");
+    EXPECT_EQ(readBothWays(shown).name.value_or(""), "Shown");
+
+    // A plain file and a folder without any Info.plist answer as before.
+    ScratchRoot::writeFile(s.rootPath("/Plug-Ins/Script.txt"), "fxscript");
+    EXPECT_FALSE(readBothWays(s.rootPath("/Plug-Ins/Script.txt")).isBundle);
+    ScratchRoot::writeFile(s.rootPath("/Plug-Ins/Lower/Lower.moti"), "doc");
+    EXPECT_TRUE(readBothWays(s.rootPath("/Plug-Ins/Lower")).isBundle);
+    EXPECT_FALSE(readBothWays(s.rootPath("/Plug-Ins/Gone.vst")).isBundle);
+}
+
+TEST(KTBundleInfoTest, ARefusalReadFromAnOpenFolderNamesTheWholePath) {
+    ScratchRoot s;
+    KTLog::resetForTesting();
+    KTLog::createNewLog(std::string("BundleInfoFolder"), true);
+    const std::string b = s.rootPath("/Plug-Ins/Zero.vst");
+    ScratchRoot::writeFile(b + "/Contents/Info.plist",
+                           infoPlist("<key>CFBundleName</key><string>Zero</string>"
+                                     "<key>CFBundleVersion</key><string>1</string>"));
+    ScratchRoot::writeFile(b + "/Contents/Resources/de.lproj/InfoPlist.strings",
+                           "\"CFBundle\\U0000Name\" = \"x\";");
+    const int folder = ::open(s.rootPath("/Plug-Ins").c_str(), O_RDONLY | O_DIRECTORY);
+    ASSERT_GE(folder, 0);
+    KTBundleInfo info = KTBundleInfo::read(b, KTBundleInfo::Detail::NamesAndVersion, folder);
+    ::close(folder);
+    EXPECT_TRUE(info.isBundle);
+    EXPECT_FALSE(info.name || info.version);
+    EXPECT_EQ(occurrences(logSoFar(), "Unable to read strings file " + b +
+                                          "/Contents/Resources/de.lproj/InfoPlist.strings"),
+              1u);
+    KTLog::resetForTesting();
 }
