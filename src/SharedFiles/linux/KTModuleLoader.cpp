@@ -50,8 +50,9 @@ void* KTModuleLoader::open(const std::string& fileName, const std::vector<std::s
         // Local: the module's own symbols stay its own; the program's reach
         // it all the same.
         if (void* handle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL)) return handle;
-        const char* why = ::dlerror();
-        if (error) *error = path + ": " + (why ? why : "unknown error");
+        const std::string why = ::dlerror() ?: "unknown error";
+        // glibc's message mostly starts with the file already.
+        if (error) *error = why.rfind(path, 0) == 0 ? why : path + ": " + why;
         return nullptr;
     }
     if (error) {
