@@ -13,6 +13,15 @@ install(TARGETS ambrel RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 if(TARGET ambrel-helper)
     install(TARGETS ambrel-helper RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
+# The program's own modules, private to it: in a folder of its own under the
+# library folder, where the program looks for them. Not executable, as
+# Debian wants shared objects.
+set(module_targets ambrel-services)
+if(TARGET ambrel-window)
+    list(APPEND module_targets ambrel-window)
+endif()
+install(TARGETS ${module_targets} LIBRARY DESTINATION ${AMBREL_MODULE_INSTALL_DIR}
+    PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 set(AMBREL_HELPER_INSTALLED_PATH ${CMAKE_INSTALL_FULL_BINDIR}/ambrel-helper)
 configure_file(data/polkit/com.quellbrook.ambrel.helper.policy.in
     ${CMAKE_BINARY_DIR}/data/com.quellbrook.ambrel.helper.policy @ONLY)

@@ -8,8 +8,9 @@
 
 #include "analytics/KTQCTransport.h"
 
-/// Posts over HTTPS with libcurl, each request on a thread of its own so the
-/// interface never waits. The body goes out as given (CURLOPT_POSTFIELDS with
+/// Posts over HTTPS with libcurl (loaded with the services module on the
+/// first post), each request on a thread of its own so the interface never
+/// waits. The body goes out as given (CURLOPT_POSTFIELDS with
 /// the caller's Content-Type): libcurl's own multipart writer would add a
 /// closing boundary the form handler is not sent. Only "https" addresses are
 /// accepted, and the server's certificate is always verified.

@@ -6,12 +6,9 @@
 
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTMainThread.h"
+#include "SharedFiles/linux/KTModuleLoader.h"
 #include "SharedFiles/linux/KTStandardStreams.h"
 #include "app/core/KTCommandLine.h"
-
-#ifdef AMBREL_HAVE_GUI
-int runWindow(int argc, char** argv);
-#endif
 
 namespace {
 /// Qt aborts with a message about its platform plug-in when there is nothing
@@ -45,9 +42,19 @@ int main(int argc, char** argv) {
     if (KTCommandLine::isVerb(args)) return KTCommandLine::run(args);
 #ifdef AMBREL_HAVE_GUI
     if (!hasDisplay()) {
-        std::fputs("ambrel: no display to open the window on; use a verb such as "
-                   "\"ambrel -allplugins\" (see \"ambrel --help\")\n",
-                   stderr);
+        std::fputs(
+            "ambrel: no display to open the window on; use a verb such as "
+            "\"ambrel -allplugins\" (see \"ambrel --help\")\n",
+            stderr);
+        return 1;
+    }
+    // Qt is loaded with the window, never for a verb.
+    std::string error;
+    auto runWindow = reinterpret_cast<int (*)(int, char**)>(
+        KTModuleLoader::entry("ambrel-window.so", "ambrel_run_window", &error));
+    if (!runWindow) {
+        KTLog::appendLog("Unable to load the window: %@", error);
+        std::fprintf(stderr, "ambrel: unable to load the window: %s\n", error.c_str());
         return 1;
     }
     return runWindow(argc, argv);

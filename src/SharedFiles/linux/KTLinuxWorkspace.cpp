@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
-#include <gio/gio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,6 +20,7 @@
 #include "SharedFiles/KTPlist.h"
 #include "SharedFiles/KTTaskEx.h"
 #include "SharedFiles/linux/KTProcessWatcher.h"
+#include "SharedFiles/linux/KTServiceModule.h"
 
 extern char** environ;
 
@@ -261,49 +261,23 @@ KTTerminateResult KTLinuxWorkspace::terminateApplication(const std::string& bund
 }
 
 bool KTLinuxWorkspace::showItemsOnSessionBus(const std::string& path) {
-    GError* error = nullptr;
     // No address means no session: connecting would only try to start one.
     if (!std::getenv("DBUS_SESSION_BUS_ADDRESS")) return false;
-    // A connection of its own, closed afterwards: nothing stays attached to
-    // the bus between two clicks, and the address is the one set now.
-    gchar* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SESSION, nullptr, &error);
-    GDBusConnection* bus =
-        address ? g_dbus_connection_new_for_address_sync(
-                      address,
-                      GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-                      nullptr, nullptr, &error)
-                : nullptr;
-    g_free(address);
-    if (!bus) {
-        KTLog::appendLog("Unable to reach the session bus. %@", std::string(error->message));
-        g_error_free(error);
-        return false;
+    const KTServiceTable* services = KTServiceModule::services();
+    if (!services) return false;
+    std::string error;
+    switch (services->showItems(path, &error)) {
+        case 0:
+            return true;
+        case 1:
+            KTLog::appendLog("Unable to reach the session bus. %@", error);
+            return false;
+        case 2:
+            KTLog::appendLog("No file manager answered on the session bus. %@", error);
+            return false;
+        default:  // a path with no file address: the fall-back says it
+            return false;
     }
-    gchar* uri = g_filename_to_uri(path.c_str(), nullptr, nullptr);
-    if (!uri) {
-        g_dbus_connection_close_sync(bus, nullptr, nullptr);
-        g_object_unref(bus);
-        return false;
-    }
-    const gchar* uris[] = {uri, nullptr};
-    // A file manager that is not running is started by the bus; a short
-    // wait keeps a missing one from holding the window.
-    GVariant* reply = g_dbus_connection_call_sync(
-        bus, "org.freedesktop.FileManager1", "/org/freedesktop/FileManager1",
-        "org.freedesktop.FileManager1", "ShowItems", g_variant_new("(^ass)", uris, ""), nullptr,
-        G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
-    g_free(uri);
-    g_dbus_connection_close_sync(bus, nullptr, nullptr);
-    g_object_unref(bus);
-    if (!reply) {
-        KTLog::appendLog("No file manager answered on the session bus. %@",
-                         std::string(error->message));
-        g_error_free(error);
-        return false;
-    }
-    g_variant_unref(reply);
-    return true;
 }
 
 bool KTLinuxWorkspace::openContainingFolder(const std::string& path) {

@@ -28,6 +28,7 @@
 #include "SharedFiles/linux/KTHelperOperations.h"
 #include "SharedFiles/linux/KTHelperPlaces.h"
 #include "SharedFiles/linux/KTHelperPolicy.h"
+#include "SharedFiles/linux/KTModuleLoader.h"
 
 namespace {
 
@@ -126,6 +127,8 @@ std::string readAll(const char* path) {
 }  // namespace
 
 int main() {
+    // Root runs no module of ours, whatever a later change asks of the core.
+    KTModuleLoader::forbid();
     signal(SIGPIPE, SIG_IGN);
     if (geteuid() != 0) {
         say("must run as root");

@@ -109,3 +109,9 @@ int runWindow(int argc, char** argv) {
     KTLog::finishWriting();
     return status;
 }
+
+/// What the program looks up after opening ambrel-window.so: the window's
+/// code and Qt are loaded only when the window is shown.
+extern "C" __attribute__((visibility("default"))) int ambrel_run_window(int argc, char** argv) {
+    return runWindow(argc, argv);
+}
