@@ -23,7 +23,7 @@
 #include "SharedFiles/KTUserInterface.h"
 #include "app/core/AppController.h"
 #include "catalogue/KTFilePackage.h"
-#include "catalogue/KTOpenFolder.h"
+#include "SharedFiles/linux/KTOpenFolder.h"
 #include "catalogue/OutlineViewController.h"
 
 namespace {

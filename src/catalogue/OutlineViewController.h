@@ -11,7 +11,7 @@
 
 #include "catalogue/KTGroupItem.h"
 #include "catalogue/KTItem.h"
-#include "catalogue/KTOpenFolder.h"
+#include "SharedFiles/linux/KTOpenFolder.h"
 #include "catalogue/KTPluginItem.h"
 #include "catalogue/KTPluginLocations.h"
 #include "operations/KTInstallArgs.h"

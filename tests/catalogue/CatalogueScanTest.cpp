@@ -13,7 +13,7 @@
 #include "app/core/AppController.h"
 #include "catalogue/KTCatalogueEntry.h"
 #include "catalogue/KTGroupItem.h"
-#include "catalogue/KTOpenFolder.h"
+#include "SharedFiles/linux/KTOpenFolder.h"
 #include "catalogue/KTPluginItem.h"
 #include "catalogue/KTPluginLocations.h"
 #include "catalogue/OutlineViewController.h"

@@ -1,4 +1,4 @@
-#include "catalogue/KTOpenFolder.h"
+#include "SharedFiles/linux/KTOpenFolder.h"
 
 #include <fcntl.h>
 #include <sys/resource.h>
