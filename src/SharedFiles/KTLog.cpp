@@ -265,7 +265,8 @@ void KTLog::createNewLog(const std::optional<std::string>& name, bool noPrinting
     }
 
     std::string error;
-    if (!continueCurrent && !KTPlist::writeFileAtomically(current, "", &error)) {
+    // An empty file: nothing for a sync to keep (the lines that follow are never synced).
+    if (!continueCurrent && !KTPlist::writeFileAtomically(current, "", &error, false)) {
         if (!noPrinting) printOut("Unable to create log file " + current + " - " + error + "\n");
         return;
     }

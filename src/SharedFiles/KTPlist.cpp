@@ -85,7 +85,7 @@ std::string KTPlist::toBinary(plist_t node) {
 }
 
 bool KTPlist::writeFileAtomically(const std::string& path, const std::string& bytes,
-                                  std::string* error) {
+                                  std::string* error, bool waitForDisk) {
     std::string tmp = path + ".tmp." + KTLocalPaths::randomString(8);
     int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     if (fd < 0) {
@@ -104,7 +104,7 @@ bool KTPlist::writeFileAtomically(const std::string& path, const std::string& by
         }
         done += static_cast<std::size_t>(n);
     }
-    if (::fsync(fd) != 0 || ::close(fd) != 0) {
+    if ((waitForDisk && ::fsync(fd) != 0) || ::close(fd) != 0) {
         if (error) *error = std::strerror(errno);
         ::unlink(tmp.c_str());
         return false;

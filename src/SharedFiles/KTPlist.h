@@ -38,8 +38,12 @@ class KTPlist {
     static std::string toXML(plist_t node);
     static std::string toBinary(plist_t node);
     /// Writes atomically: a temporary file beside the target, then a rename.
+    /// `waitForDisk` syncs the temporary file before the rename, so that a
+    /// power cut leaves the old file or the new one, never an empty one; the
+    /// sync also waits for every change the process made to the file system
+    /// before it, which after a batch of moves is the whole batch.
     static bool writeFileAtomically(const std::string& path, const std::string& bytes,
-                                    std::string* error = nullptr);
+                                    std::string* error = nullptr, bool waitForDisk = true);
 
     /// The text of a string node; nothing for any other node.
     static std::optional<std::string> stringValue(plist_t node);

@@ -100,8 +100,9 @@ KTPreferences::KTPreferences(std::string domain, bool userDomain)
           return KTLocalPaths::prefsDirectory(userDomain) + "/" + domain + ".plist";
       }) {}
 
-KTPreferences::KTPreferences(std::string fixedPath)
-    : path_([p = std::move(fixedPath)] { return p; }) {}
+KTPreferences::KTPreferences(std::string fixedPath, Writes writes)
+    : path_([p = std::move(fixedPath)] { return p; }),
+      waitForDisk_(writes == Writes::WaitForDisk) {}
 
 KTPreferences& KTPreferences::standard() {
     static KTPreferences prefs("com.quellbrook.Ambrel", true);
@@ -261,7 +262,7 @@ bool KTPreferences::change(const std::string& key, plist_t newValue, std::string
         return true;  // nothing to remove
     fs::create_directories(fs::path(file).parent_path(), ec);
     std::string why;
-    if (!KTPlist::writeFileAtomically(file, KTPlist::toXML(dict.get()), &why)) {
+    if (!KTPlist::writeFileAtomically(file, KTPlist::toXML(dict.get()), &why, waitForDisk_)) {
         if (error) *error = file + ": " + why;
         return false;
     }

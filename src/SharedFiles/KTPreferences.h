@@ -24,8 +24,11 @@ class KTPreferences {
   public:
     /// The domain `domain` in the user's (true) or the machine's Preferences folder.
     KTPreferences(std::string domain, bool userDomain);
-    /// A domain at a fixed file (tests, tools).
-    explicit KTPreferences(std::string fixedPath);
+    /// Whether a write waits for the disk before it replaces the file.
+    enum class Writes { WaitForDisk, DoNotWait };
+    /// A domain at a fixed file (tests, tools, the run markers). `DoNotWait`
+    /// is for a file whose loss in a power cut costs nothing.
+    explicit KTPreferences(std::string fixedPath, Writes writes = Writes::WaitForDisk);
 
     /// "com.quellbrook.Ambrel" in the user's Preferences: the application's own.
     static KTPreferences& standard();
@@ -91,6 +94,7 @@ class KTPreferences {
     bool change(const std::string& key, plist_t newValue, std::string* error);
 
     std::function<std::string()> path_;
+    bool waitForDisk_ = true;
     mutable std::mutex lock_;
     std::map<std::string, KTPreferenceValue> defaults_;
 };

@@ -43,8 +43,12 @@ bool startsWithNoCase(const std::string& s, const std::string& prefix) {
     return true;
 }
 
+/// The marker file holds nothing but the two dates: after a power cut an old
+/// or empty one reads as a normal end or a first run. Waiting for the disk
+/// would make every verb wait at its end until the disk has taken all that the
+/// verb moved (tens of milliseconds after a batch).
 KTPreferences markerDomain(const std::string& plistPath) {
-    return KTPreferences(plistPath);
+    return KTPreferences(plistPath, KTPreferences::Writes::DoNotWait);
 }
 
 /// The crash reporter stays off when the maker's global preference says so.
