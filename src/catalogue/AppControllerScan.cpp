@@ -7,7 +7,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <deque>
 #include <filesystem>
+#include <functional>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -454,9 +456,12 @@ std::vector<std::string> AppController::listFilteredPlugins(bool includeDisabled
 }
 
 namespace {
-std::vector<ListedPath> listWithShapes(bool includeDisabled, bool includeFolders,
-                                       const std::vector<std::string>& folders,
-                                       bool keepFolders = false) {
+/// Lists the folders (and, with `includeDisabled`, their mirrors in the
+/// disabled folder) and hands what each one holds to `take`, in order, as
+/// soon as that folder is done.
+void listEachWithShapes(bool includeDisabled, bool includeFolders,
+                        const std::vector<std::string>& folders, bool keepFolders,
+                        const std::function<void(std::vector<ListedPath>&&)>& take) {
     KTLog::appendLog("Generating list of plugins...");
     const bool ignoreFxFactory = KTPreferences::standard().integerForKey("ignoreFxFactory") == 1;
     std::vector<std::string> scanned;
@@ -465,12 +470,20 @@ std::vector<ListedPath> listWithShapes(bool includeDisabled, bool includeFolders
             scanned.push_back(pass == 0 ? folder : KTPluginLocations::disabledPathForPath(folder));
     }
     ScanWalk walk(scanned, includeFolders, ignoreFxFactory, keepFolders);
-    std::vector<ListedPath> result;
     for (const auto& folder : scanned) {
-        if (auto found = walk.scan(folder))
-            result.insert(result.end(), std::make_move_iterator(found->begin()),
-                          std::make_move_iterator(found->end()));
+        if (auto found = walk.scan(folder); found && !found->empty()) take(std::move(*found));
     }
+}
+
+std::vector<ListedPath> listWithShapes(bool includeDisabled, bool includeFolders,
+                                       const std::vector<std::string>& folders,
+                                       bool keepFolders = false) {
+    std::vector<ListedPath> result;
+    listEachWithShapes(includeDisabled, includeFolders, folders, keepFolders,
+                       [&](std::vector<ListedPath>&& found) {
+                           result.insert(result.end(), std::make_move_iterator(found.begin()),
+                                         std::make_move_iterator(found.end()));
+                       });
     return result;
 }
 
@@ -633,28 +646,43 @@ void AppController::loadPluginData() {
 
         KTPluginLocations::FolderCache folderCache;
         const int filter = static_cast<int>(KTPreferences::standard().integerForKey("filter"));
-        std::vector<ListedPath> listed = listWithShapes(
-            true, true, foldersForFilter(filter, KTPluginLocations::pluginFolderDict()), true);
         const Classification table(KTPluginLocations::pluginFolderDict());
+        // What each folder of the listing holds, in the listing's order; a
+        // deque, so that the workers' references stay good while it grows.
+        std::deque<std::vector<ListedPath>> listed;
         {
             // At most 3 at a time, and no more than there are processors: the
             // work is system calls, and threads beyond the processors only
             // wait for each other's locks. Each operation takes a run of
-            // paths, so that handing work over costs little beside it.
+            // paths, so that handing work over costs little beside it. A
+            // folder's plug-ins are classified while the next folders are
+            // listed: the listing alone keeps one processor busy.
             const unsigned cpus = std::max(1u, std::thread::hardware_concurrency());
-            KTOperationQueue queue(std::min(3u, cpus));
-            const std::size_t run = std::clamp<std::size_t>(listed.size() / (8 * cpus), 1, 64);
-            for (std::size_t first = 0; first < listed.size(); first += run) {
-                const std::size_t last = std::min(listed.size(), first + run);
-                queue.addOperation([this, first, last, &listed, &table, &disabled] {
-                    OutlineViewController::DeferredAppends appends(*outline_);
-                    for (std::size_t i = first; i < last; ++i)
-                        classifyPath(*outline_, listed[i], table, disabled);
+            const unsigned workers = std::min(3u, cpus);
+            KTOperationQueue queue(workers);
+            listEachWithShapes(
+                true, true, foldersForFilter(filter, KTPluginLocations::pluginFolderDict()), true,
+                [&](std::vector<ListedPath>&& found) {
+                    const std::vector<ListedPath>& chunk = listed.emplace_back(std::move(found));
+                    const std::size_t run =
+                        std::clamp<std::size_t>(chunk.size() / (2 * workers), 8, 64);
+                    for (std::size_t first = 0; first < chunk.size(); first += run) {
+                        const std::size_t last = std::min(chunk.size(), first + run);
+                        queue.addOperation([this, first, last, &chunk, &table, &disabled] {
+                            OutlineViewController::DeferredAppends appends(*outline_);
+                            for (std::size_t i = first; i < last; ++i)
+                                classifyPath(*outline_, chunk[i], table, disabled);
+                        });
+                    }
                 });
-            }
             queue.waitUntilAllOperationsAreFinished();
         }
-        outline_->setLoadedPaths(pathsOf(std::move(listed)));
+        std::vector<std::string> paths;
+        for (auto& chunk : listed) {
+            for (auto& l : chunk) paths.push_back(std::move(l.path));
+        }
+        listed.clear();  // and with them the folders kept open
+        outline_->setLoadedPaths(std::move(paths));
         outline_->setLoading(false);
         KTLog::appendLog("Refreshing data...");
         KTMainThread::shared().runAndWait([this] {
