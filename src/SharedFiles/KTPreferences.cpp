@@ -34,7 +34,9 @@ plist_t toPlist(const KTPreferenceValue& value) {
     return std::visit(visitor, value);
 }
 
-std::string stringOf(plist_t node) { return KTPlist::stringValue(node).value_or(""); }
+std::string stringOf(plist_t node) {
+    return KTPlist::stringValue(node).value_or("");
+}
 
 std::optional<KTPreferenceValue> fromPlist(plist_t node) {
     if (!node) return std::nullopt;

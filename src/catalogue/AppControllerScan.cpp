@@ -23,9 +23,9 @@
 #include "SharedFiles/KTTransfer.h"
 #include "SharedFiles/KTTransferPlan.h"
 #include "SharedFiles/KTUserInterface.h"
+#include "SharedFiles/linux/KTOpenFolder.h"
 #include "app/core/AppController.h"
 #include "catalogue/KTFilePackage.h"
-#include "SharedFiles/linux/KTOpenFolder.h"
 #include "catalogue/OutlineViewController.h"
 
 namespace {

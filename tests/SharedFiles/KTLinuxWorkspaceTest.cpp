@@ -2,9 +2,11 @@
 
 #include <gio/gio.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -93,6 +95,45 @@ bool eventually(const std::function<bool()>& done) {
 }
 
 }  // namespace
+
+TEST(KTLinuxWorkspaceTest, ProcessesThatEndWhileTheListIsReadAreLeftOut) {
+    // Processes come and go while /proc is read: one that ends between the
+    // open of its command line and the read makes the read fail (ESRCH),
+    // which must cost that process its place in the answer, nothing more.
+    ScratchRoot scratch;
+    writeLaunchableApp(scratch.rootPath("/Applications/Host.app"), "org.example.Host");
+    KTLinuxWorkspace workspace;
+    std::atomic<bool> stop{false};
+    // Many short lives, so that some end in the middle of a look.
+    std::thread churn([&] {
+        std::vector<pid_t> alive;
+        char program[] = "/bin/sleep";
+        char duration[] = "0.001";
+        char* argv[] = {program, duration, nullptr};
+        while (!stop) {
+            pid_t pid = 0;
+            if (::posix_spawn(&pid, program, nullptr, nullptr, argv, environ) == 0)
+                alive.push_back(pid);
+            if (alive.size() >= 16) {
+                for (pid_t child : alive) ::waitpid(child, nullptr, 0);
+                alive.clear();
+            }
+        }
+        for (pid_t child : alive) ::waitpid(child, nullptr, 0);
+    });
+    int looks = 0;
+    for (; looks < 80; ++looks) {
+        try {
+            EXPECT_TRUE(workspace.runningApplicationIdentifiers().empty());
+        } catch (const std::exception& e) {
+            ADD_FAILURE() << "look " << looks << " threw: " << e.what();
+            break;
+        }
+    }
+    stop = true;
+    churn.join();
+    EXPECT_EQ(looks, 80);
+}
 
 TEST(KTLinuxWorkspaceTest, LaunchesByIdentifierIgnoringCaseAndReportsLaunchAndEnd) {
     ScratchRoot scratch;

@@ -12,8 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
 #include "SharedFiles/KTLocalPaths.h"
 #include "SharedFiles/KTLog.h"
@@ -61,8 +59,21 @@ std::string lowercase(std::string text) {
 
 /// A process's command line, word by word.
 std::vector<std::string> commandLine(const std::string& procDir) {
-    std::ifstream in(procDir + "/cmdline", std::ios::binary);
-    std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    // Plain reads: a process can end between the open and the read, which
+    // then fails with ESRCH, and a stream would throw for that. What was
+    // read by then (often nothing) is the answer.
+    std::string bytes;
+    const int fd = ::open((procDir + "/cmdline").c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        char buffer[4096];
+        for (;;) {
+            const ssize_t n = ::read(fd, buffer, sizeof buffer);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) break;
+            bytes.append(buffer, static_cast<std::size_t>(n));
+        }
+        ::close(fd);
+    }
     std::vector<std::string> words;
     std::size_t start = 0;
     while (start < bytes.size()) {

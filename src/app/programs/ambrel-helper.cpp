@@ -50,8 +50,15 @@ std::optional<uid_t> uidFrom(const char* text) {
 }
 
 pid_t parentOf(pid_t pid) {
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    std::string text;
+    try {
+        std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+        text.assign(std::istreambuf_iterator<char>(stat), std::istreambuf_iterator<char>());
+    } catch (const std::exception&) {
+        // The process ended between the open and the read (ESRCH): it has
+        // no parent to give, and an ancestor that is gone vouches for nobody.
+        return 0;
+    }
     // "pid (name) state ppid": the name may hold anything, so count from its end.
     size_t close = text.rfind(')');
     if (close == std::string::npos) return 0;
