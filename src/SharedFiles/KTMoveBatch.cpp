@@ -48,6 +48,10 @@ void KTMoveBatch::noteUnlockedAncestor(const std::string& path, const KTFileLook
     ancestors_[path] = look;
 }
 
+void KTMoveBatch::forgetFolder(const std::string& path) {
+    ancestors_.erase(path);
+}
+
 std::optional<bool> KTMoveBatch::readOnlyDevice(dev_t device) const {
     auto it = readOnly_.find(device);
     if (it == readOnly_.end()) return std::nullopt;

@@ -19,11 +19,13 @@
 /// ask for write access to the same folders each time.
 ///
 /// Three kinds of knowledge, trusted differently:
-/// - Ancestors found unlocked, by path. Only the folder an item leaves, the
+/// - Folders found unlocked, by path. Only the folder an item leaves, the
 ///   folder it enters and the item itself can stop a rename (their flags and
-///   bits; a locked grandparent does not), and those three are looked at for
-///   every move. So an ancestor above them that changed behind the batch's
-///   back can only cost a lock left in place that the move does not need.
+///   bits; a locked grandparent does not). So an ancestor above them that
+///   changed behind the batch's back can only cost a lock left in place that
+///   the move does not need. The item is looked at for every move; a move's
+///   own folder answered from here, if it changed, makes the rename fail
+///   without touching anything, and that move is done again from new looks.
 /// - Folders settled (leftovers of killed transfers handled) and folders
 ///   whose rights were asked of the system, by device and inode, so that a
 ///   folder replaced under the same name is looked at afresh.
@@ -57,6 +59,8 @@ class KTMoveBatch {
     /// The look of an ancestor folder found unlocked, or null.
     const KTFileLook* unlockedAncestor(const std::string& path) const;
     void noteUnlockedAncestor(const std::string& path, const KTFileLook& look);
+    /// Drops what is known of a folder about to be removed.
+    void forgetFolder(const std::string& path);
 
     /// Whether the volume is read-only; nothing when not asked yet.
     std::optional<bool> readOnlyDevice(dev_t device) const;

@@ -51,6 +51,8 @@ class ProgressSpinner {
 struct WalkEnd {
     KTFileLook grandparent, folder, item;
     bool sawGrandparent = false, sawFolder = false, sawItem = false;
+    /// The folder's look is the batch's, from an earlier move, not a new one.
+    bool folderRemembered = false;
 };
 
 /// Reads the locked flag of what `path` names (a link not followed) and
@@ -74,15 +76,16 @@ bool clearLockedFlag(const std::string& path, bool* stop) {
 /// folder taken just before.
 ///
 /// Within a batch an ancestor above the item's folder that was found (or
-/// made) unlocked is not looked at again: only the folder an item leaves,
-/// the folder it enters and the item itself can stop a rename (a locked
-/// folder refuses changes to its own entries, not to entries further down),
-/// so those are looked at for every move, and a stale answer about a folder
-/// higher up can only leave a lock in place that no move needed cleared.
-/// No stale answer can make a rename fail, so a failed move is not tried
-/// again: it only makes the batch forget, and the next move walks it all.
+/// made) unlocked is not looked at again: a locked folder refuses changes to
+/// its own entries, not to entries further down, so a stale answer about a
+/// folder higher up can only leave a lock in place that no move needed
+/// cleared. The item itself is looked at for every move. Its folder is too,
+/// unless `folderFromBatch` lets an earlier move's look answer: a stale one
+/// can only make the rename fail (a lock, a folder gone, rights taken away;
+/// the rename never replaces and moves only the item named), and the caller
+/// then does the move again from new looks.
 WalkEnd unlockWalk(const std::string& path, const KTFileLook* itemSeen,
-                   const KTFileLook* folderSeen = nullptr) {
+                   const KTFileLook* folderSeen = nullptr, bool folderFromBatch = false) {
     WalkEnd end;
     KTMoveBatch* batch = KTMoveBatch::current();
     // One step of the walk; false when the walk ends there. `chain` says
@@ -92,8 +95,13 @@ WalkEnd unlockWalk(const std::string& path, const KTFileLook* itemSeen,
     bool chain = batch != nullptr;
     auto step = [&](const std::string& prefix, bool isItem, bool isFolder,
                     bool isGrandparent) -> bool {
-        if (!isItem && !isFolder && batch) {
+        if (!isItem && (!isFolder || (folderFromBatch && !folderSeen)) && batch) {
             if (const KTFileLook* known = batch->unlockedAncestor(prefix)) {
+                if (isFolder) {
+                    end.folder = *known;
+                    end.sawFolder = true;
+                    end.folderRemembered = true;
+                }
                 if (isGrandparent) {
                     end.grandparent = *known;
                     end.sawGrandparent = true;
@@ -246,6 +254,10 @@ bool plainMoveAllowed(const std::string& oldPath, const WalkEnd& from, const std
 struct Seen {
     const KTFileLook* item = nullptr;
     const KTFileLook* folder = nullptr;
+    /// `folder` is the batch's look from an earlier move.
+    bool folderRemembered = false;
+    /// Every look new: the move again after one that trusted the batch failed.
+    bool fresh = false;
 };
 
 bool moveFileSeen(OutlineViewController& outline, const std::string& oldPath,
@@ -319,8 +331,13 @@ bool OutlineViewController::moveFilter(const std::shared_ptr<KTPluginItem>& item
         }
         const std::string target = KTPluginLocations::disabledPathForPath(path);
         const std::string parent = parentOf(target);
-        // The look at the folder serves the move's walk as well, unless it must be made.
-        const KTFileLook parentLook = planned ? KTFileLook() : KTFileLook::at(parent);
+        // The look at the folder serves the move's walk as well, unless it
+        // must be made; an earlier move of the batch may have taken it.
+        KTMoveBatch* batch = planned ? nullptr : KTMoveBatch::current();
+        const KTFileLook* remembered = batch ? batch->unlockedAncestor(parent) : nullptr;
+        const KTFileLook parentLook = planned      ? KTFileLook()
+                                      : remembered ? *remembered
+                                                   : KTFileLook::at(parent);
         const FolderCreation made =
             parentLook.exists()
                 ? FolderCreation::Existed
@@ -339,7 +356,9 @@ bool OutlineViewController::moveFilter(const std::shared_ptr<KTPluginItem>& item
                                        : made == FolderCreation::Existed ? &parentLook
                                        : made == FolderCreation::Created ? &madeLook
                                                                          : nullptr;
-        if (moveFileSeen(*this, path, target, {planned ? nullptr : &look, folderSeen})) {
+        Seen seen{planned ? nullptr : &look, folderSeen};
+        seen.folderRemembered = remembered && made == FolderCreation::Existed;
+        if (moveFileSeen(*this, path, target, seen)) {
             item->movedTo(0, target);
             return true;
         }
@@ -381,9 +400,17 @@ bool moveFileSeen(OutlineViewController& outline, const std::string& oldPath,
         }
     } batchKnowledge;
 
-    // The walks end at the two folders and the item: what the move needs to know of them.
-    const WalkEnd from = planned ? WalkEnd() : unlockWalk(oldPath, &oldLook);
-    const WalkEnd to = planned ? WalkEnd() : unlockWalk(newPath, nullptr, seenBefore.folder);
+    // The walks end at the two folders and the item: what the move needs to
+    // know of them. The batch may answer for the folders, except for the one
+    // an enable leaves, whose link count the clean-up reads.
+    const bool fromBatch = !seenBefore.fresh;
+    const WalkEnd from =
+        planned ? WalkEnd()
+                : unlockWalk(oldPath, &oldLook, nullptr, fromBatch && !leftHoldingAFolder);
+    const WalkEnd to =
+        planned ? WalkEnd() : unlockWalk(newPath, nullptr, seenBefore.folder, fromBatch);
+    const bool remembered =
+        seenBefore.folderRemembered || from.folderRemembered || to.folderRemembered;
     KTLog::appendLog("Moving file from %@ to %@", oldPath, newPath);
     ProgressSpinner spinner(app);
 
@@ -441,6 +468,16 @@ bool moveFileSeen(OutlineViewController& outline, const std::string& oldPath,
     if (plainMoveAllowed(oldPath, from, folder, folderLook, walkedTo ? to : WalkEnd())) {
         KTLog::appendLog("Moving %@ to %@", oldPath, newPath);
         if (!transfer.moveItem(oldPath, newPath, &error, {}, seenBoth ? &seen : nullptr)) {
+            // A folder the batch answered for may have changed since (locked,
+            // gone, its rights): the rename on one disk failed and touched
+            // nothing, so the move is done again as if nothing were known.
+            if (remembered && seenBoth && seen.fromDevice == seen.toDevice) {
+                KTMoveBatch::forgetCurrent();
+                batchKnowledge.moved = true;  // the move again decides what the batch keeps
+                Seen again;
+                again.fresh = true;
+                return moveFileSeen(outline, oldPath, newPath, again, leftHoldingAFolder);
+            }
             postAndLog("Unable to move %@ to %@ - %@", oldPath, newPath, error);
             return false;
         }
@@ -505,6 +542,8 @@ bool OutlineViewController::removeEmptyFolder(const std::string& folder,
                                               bool includeEmptySubfolders) {
     if (KTTransferPlan::active()) return false;  // a dry run leaves every folder
     KTLog::appendLog("Removing empty folder %@...", folder);
+    // A folder that may be gone in a moment is no longer the batch's to answer for.
+    if (KTMoveBatch* batch = KTMoveBatch::current()) batch->forgetFolder(folder);
     // The move that just left the folder saw another folder in it.
     if (!includeEmptySubfolders)
         if (KTMoveBatch* batch = KTMoveBatch::current();

@@ -3,6 +3,9 @@
 #include "SharedFiles/KTMoveBatch.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
 
 #include <fstream>
 #include <initializer_list>
@@ -32,8 +35,8 @@ TEST(KTMoveBatchTest, LocksSetBehindTheBatchsBackNeverStopAMove) {
     KTMoveBatch batch;
     ASSERT_TRUE(
         w.outline().moveFilter(w.plugin("A.fxplug"), 0));  // the folders are now known unlocked
-    // The plug-in's own folder, locked behind the batch's back, is looked at
-    // again for the next move, and unlocked.
+    // The plug-in's own folder, locked behind the batch's back, refuses the
+    // next move's rename; that move looks at it again, unlocks it, and moves.
     ScratchRoot::setImmutable(w.fx("/Pack/Sub"), true);
     EXPECT_TRUE(w.outline().moveFilter(w.plugin("B.fxplug"), 0));
     EXPECT_TRUE(pathExists(w.mirror(w.fx("/Pack/Sub/B.fxplug/v"))));
@@ -83,4 +86,23 @@ TEST(KTMoveBatchTest, ABatchBelongsToItsThreadAndNestsIntoTheOuterOne) {
     std::thread([] { EXPECT_EQ(KTMoveBatch::current(), nullptr); }).join();
     KTMoveBatch::forgetCurrent();
     EXPECT_EQ(outer.unlockedAncestor("/Pack"), nullptr);
+}
+
+TEST(KTMoveBatchTest, AFolderRemovedBehindTheBatchsBackIsMadeAgainForTheNextMove) {
+    OperationsWorld w;
+    for (const char* n : {"A.fxplug", "B.fxplug"})
+        ScratchRoot::writeFile(w.fx(std::string("/Pack/Sub/") + n + "/v"), "x");
+    w.load();
+
+    KTMoveBatch batch;
+    ASSERT_TRUE(w.outline().moveFilter(w.plugin("A.fxplug"), 0));  // the mirror folder is known
+    // Someone puts A back by hand and removes the folder the batch knows.
+    const std::string mirrored = w.mirror(w.fx("/Pack/Sub"));
+    ASSERT_EQ(::rename((mirrored + "/A.fxplug").c_str(), w.fx("/Pack/Sub/A.fxplug").c_str()), 0);
+    ASSERT_EQ(::rmdir(mirrored.c_str()), 0);
+    // The next move finds out, and makes it again rather than fail.
+    EXPECT_TRUE(w.outline().moveFilter(w.plugin("B.fxplug"), 0));
+    EXPECT_TRUE(pathExists(mirrored + "/B.fxplug/v"));
+    EXPECT_FALSE(pathExists(w.fx("/Pack/Sub/B.fxplug")));
+    EXPECT_TRUE(pathExists(w.fx("/Pack/Sub/A.fxplug/v")));
 }
