@@ -26,7 +26,6 @@ void KTMoveBatch::forgetCurrent() {
     gCurrent->from_.clear();
     gCurrent->ancestors_.clear();
     gCurrent->readOnly_.clear();
-    gCurrent->leftHoldingAFolder_.clear();
 }
 
 void KTMoveBatch::folderMadeInCurrent() {
@@ -80,14 +79,4 @@ std::optional<bool> KTMoveBatch::movableFrom(dev_t device, ino_t inode) const {
 
 void KTMoveBatch::noteMovableFrom(dev_t device, ino_t inode, bool movable) {
     from_[{device, inode}] = movable;
-}
-
-void KTMoveBatch::noteLeftHoldingAFolder(const std::string& folder) {
-    leftHoldingAFolder_ = folder;
-}
-
-bool KTMoveBatch::takeLeftHoldingAFolder(const std::string& folder) {
-    if (leftHoldingAFolder_.empty() || leftHoldingAFolder_ != folder) return false;
-    leftHoldingAFolder_.clear();
-    return true;
 }

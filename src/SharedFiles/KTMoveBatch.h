@@ -74,16 +74,8 @@ class KTMoveBatch {
     std::optional<bool> movableFrom(dev_t device, ino_t inode) const;
     void noteMovableFrom(dev_t device, ino_t inode, bool movable);
 
-    /// The folder an enable has just left, when the move's own look found
-    /// it holding another folder besides the one that left: the clean-up
-    /// that follows at once need not look at it again to know it is not
-    /// empty. Taken once; the enable clears it (empty) after its clean-up.
-    void noteLeftHoldingAFolder(const std::string& folder);
-    bool takeLeftHoldingAFolder(const std::string& folder);
-
   private:
     using Key = std::pair<dev_t, ino_t>;
-    std::string leftHoldingAFolder_;
     struct KeyHash {
         std::size_t operator()(const Key& k) const {
             return std::hash<ino_t>()(k.second) * 31u + std::hash<dev_t>()(k.first);

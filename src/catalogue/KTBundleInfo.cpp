@@ -192,10 +192,6 @@ std::string KTBundleInfo::infoPlistPath(const std::string& bundlePath) {
     return {};
 }
 
-KTBundleInfo KTBundleInfo::read(const std::string& bundlePath, Detail detail) {
-    return read(bundlePath, detail, -1);
-}
-
 KTBundleInfo KTBundleInfo::read(const std::string& givenPath, Detail detail, int folder) {
     KTBundleInfo info;
     std::string bundlePath = givenPath;

@@ -17,11 +17,11 @@ struct KTBundleInfo {
     /// How much to read: everything, or the name and version alone (the
     /// Info.plist and the localised strings, not the executable).
     enum class Detail { All, NamesAndVersion };
-    static KTBundleInfo read(const std::string& bundlePath, Detail detail = Detail::All);
-    /// The same where the folder that holds the bundle is open as `folder`
-    /// (-1: none): the bundle's last component is looked for there. Log
-    /// lines name the absolute path either way.
-    static KTBundleInfo read(const std::string& bundlePath, Detail detail, int folder);
+    /// `folder`, when not -1, is the folder that holds the bundle, open: the
+    /// bundle's last component is looked for there. Log lines name the
+    /// absolute path either way.
+    static KTBundleInfo read(const std::string& bundlePath, Detail detail = Detail::All,
+                             int folder = -1);
 
     /// The bundle's Info.plist: Contents/Info.plist, or Info.plist at the top
     /// of a bundle without Contents. Empty when there is none.

@@ -58,12 +58,9 @@ std::vector<std::int32_t> KTMachO::cpuTypes(const std::uint8_t* data, std::size_
     return out;
 }
 
-std::vector<std::int32_t> KTMachO::cpuTypesOfFile(const std::string& path) {
-    return cpuTypesOfFile(path, AT_FDCWD);
-}
-
 std::vector<std::int32_t> KTMachO::cpuTypesOfFile(const std::string& path, int folder) {
-    int fd = ::openat(folder, path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    int fd =
+        ::openat(folder < 0 ? AT_FDCWD : folder, path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) return {};
     struct stat st {};
     if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {  // never block on a FIFO or device
@@ -87,11 +84,16 @@ std::vector<std::int32_t> KTMachO::cpuTypesOfFile(const std::string& path, int f
 
 std::string KTMachO::labelForCPUType(std::int32_t cpuType) {
     switch (static_cast<std::uint32_t>(cpuType)) {
-        case 7: return "32-bit (Intel)";
-        case 18: return "32-bit (PowerPC)";
-        case 0x01000007: return "64-bit (Intel)";
-        case 0x01000012: return "64-bit (PowerPC)";
-        default: return {};
+        case 7:
+            return "32-bit (Intel)";
+        case 18:
+            return "32-bit (PowerPC)";
+        case 0x01000007:
+            return "64-bit (Intel)";
+        case 0x01000012:
+            return "64-bit (PowerPC)";
+        default:
+            return {};
     }
 }
 

@@ -15,10 +15,9 @@ class KTMachO {
     /// The slices' processor type codes in file order; empty when the bytes
     /// are not a Mach-O header.
     static std::vector<std::int32_t> cpuTypes(const std::uint8_t* data, std::size_t size);
-    /// The same for a file; only the header is read.
-    static std::vector<std::int32_t> cpuTypesOfFile(const std::string& path);
-    /// The same with `path` relative to the open folder `folder`.
-    static std::vector<std::int32_t> cpuTypesOfFile(const std::string& path, int folder);
+    /// The same for a file; only the header is read. `folder`, when not -1,
+    /// is an open folder that a relative `path` starts from.
+    static std::vector<std::int32_t> cpuTypesOfFile(const std::string& path, int folder = -1);
 
     /// The label of a processor type ("64-bit (Intel)", ...), or "" for one we do not name.
     static std::string labelForCPUType(std::int32_t cpuType);

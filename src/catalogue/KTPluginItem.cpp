@@ -233,15 +233,16 @@ void KTPluginItem::updateActualPath() {
 }
 
 void KTPluginItem::setLockStatus() {
-    const bool managed = KTPluginLocations::fileExists(
-        KTPluginLocations::appendPathComponent(actualPath(), ".fxfactory.plist"));
-    if (managed) isLocked_ = true;
-    isDeletable_ = !managed;
+    setManaged(KTPluginLocations::fileExists(
+        KTPluginLocations::appendPathComponent(actualPath(), kLockMarker)));
 }
 
 void KTPluginItem::setLockStatusAt(int folder, const std::string& name) {
     struct stat st {};
-    const bool managed = ::fstatat(folder, (name + "/.fxfactory.plist").c_str(), &st, 0) == 0;
+    setManaged(::fstatat(folder, (name + "/" + kLockMarker).c_str(), &st, 0) == 0);
+}
+
+void KTPluginItem::setManaged(bool managed) {
     if (managed) isLocked_ = true;
     isDeletable_ = !managed;
 }

@@ -130,6 +130,10 @@ class KTPluginItem : public KTItem {
     /// `setLockStatus` with the marker looked for from the open folder that
     /// holds `actualPath` (named `name` there).
     void setLockStatusAt(int folder, const std::string& name);
+    /// What finding the lock marker, or not, means for the item.
+    void setManaged(bool managed);
+    /// The file whose presence inside a plug-in says another program manages it.
+    static constexpr const char* kLockMarker = ".fxfactory.plist";
 
     mutable std::mutex detailsMutex_;  // shortName_, version_, architectures_, actualPath_
     std::string shortName_;

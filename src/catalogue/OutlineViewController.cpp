@@ -9,6 +9,7 @@
 #include "SharedFiles/KTLog.h"
 #include "SharedFiles/KTMainThread.h"
 #include "SharedFiles/KTOperationQueue.h"
+#include "SharedFiles/linux/KTOpenFolder.h"
 #include "catalogue/KTFilePackage.h"
 
 namespace {

@@ -11,13 +11,13 @@
 
 #include "catalogue/KTGroupItem.h"
 #include "catalogue/KTItem.h"
-#include "SharedFiles/linux/KTOpenFolder.h"
 #include "catalogue/KTPluginItem.h"
 #include "catalogue/KTPluginLocations.h"
 #include "operations/KTInstallArgs.h"
 #include "operations/KTOperationArgs.h"
 
 class AppController;
+class KTOpenFolder;
 class KTOperationQueue;
 class KTOutlineView;
 
@@ -160,11 +160,15 @@ class OutlineViewController {
     bool moveFileFrom(const std::string& oldPath, const std::string& newPath);
     /// After enabling: removes the folders emptied inside the disabled
     /// folder, from the plug-in's old folder up to the disabled folder itself.
-    void cleanupPluginPath(const std::string& oldDisabledPath);
+    /// `oldFolderHoldsAFolder`: the move's own look at the old folder found
+    /// another folder in it, so it is not empty and nothing above it is.
+    void cleanupPluginPath(const std::string& oldDisabledPath, bool oldFolderHoldsAFolder = false);
     /// Removes a folder that holds nothing but ".DS_Store" files (and, with
     /// `includeEmptySubfolders`, such folders); never a kind folder or a
-    /// system folder. True when nothing is left at the path.
-    bool removeEmptyFolder(const std::string& folder, bool includeEmptySubfolders);
+    /// system folder. True when nothing is left at the path. `holdsAFolder`
+    /// says it is known not to be empty: it is logged and kept without a look.
+    bool removeEmptyFolder(const std::string& folder, bool includeEmptySubfolders,
+                           bool holdsAFolder = false);
     /// Clears the locked flag of the path and of each of its ancestors.
     static void unlockItemsInPath(const std::string& path);
 

@@ -306,11 +306,8 @@ bool OutlineViewController::moveFilter(const std::shared_ptr<KTPluginItem>& item
                              &leftHoldingAFolder)) {
                 item->movedTo(1, *target);
                 // What the move saw of the folder it left answers the first
-                // question of the clean-up, and only that one.
-                KTMoveBatch* batch = KTMoveBatch::current();
-                if (batch && leftHoldingAFolder) batch->noteLeftHoldingAFolder(parentOf(path));
-                cleanupPluginPath(path);
-                if (batch) batch->noteLeftHoldingAFolder({});
+                // question of the clean-up.
+                cleanupPluginPath(path, leftHoldingAFolder);
                 return true;
             }
             item->setPluginEnabled(0);
@@ -522,7 +519,8 @@ bool moveFileSeen(OutlineViewController& outline, const std::string& oldPath,
 
 }  // namespace
 
-void OutlineViewController::cleanupPluginPath(const std::string& oldDisabledPath) {
+void OutlineViewController::cleanupPluginPath(const std::string& oldDisabledPath,
+                                              bool oldFolderHoldsAFolder) {
     KTLog::appendLog("Cleaning up plugin path %@...", oldDisabledPath);
     if (!startsWith(oldDisabledPath, disabledPath_)) return;
     // The plug-in's old folder relative to the disabled folder, from "/".
@@ -533,22 +531,18 @@ void OutlineViewController::cleanupPluginPath(const std::string& oldDisabledPath
                              : KTPluginLocations::appendPathComponent(disabledPath_, relative);
     const std::size_t passes = pathComponents(relative).size();
     for (std::size_t i = 0; i < passes; ++i) {
-        if (!removeEmptyFolder(folder, false)) break;
+        if (!removeEmptyFolder(folder, false, i == 0 && oldFolderHoldsAFolder)) break;
         folder = parentOf(folder);
     }
 }
 
 bool OutlineViewController::removeEmptyFolder(const std::string& folder,
-                                              bool includeEmptySubfolders) {
+                                              bool includeEmptySubfolders, bool holdsAFolder) {
     if (KTTransferPlan::active()) return false;  // a dry run leaves every folder
     KTLog::appendLog("Removing empty folder %@...", folder);
+    if (holdsAFolder) return false;
     // A folder that may be gone in a moment is no longer the batch's to answer for.
     if (KTMoveBatch* batch = KTMoveBatch::current()) batch->forgetFolder(folder);
-    // The move that just left the folder saw another folder in it.
-    if (!includeEmptySubfolders)
-        if (KTMoveBatch* batch = KTMoveBatch::current();
-            batch && batch->takeLeftHoldingAFolder(folder))
-            return false;
     // One look: whether it is there, whether it is a folder (a link is
     // followed) and how many folders it holds.
     const KTFileLook look = KTFileLook::at(folder);
