@@ -31,12 +31,3 @@ TEST(KTFileTreeTest, MakeFoldersMakesWhatIsMissingAndSaysWhatWasThere) {
     EXPECT_EQ(KTFileTree::makeFolders(s.base() + "/file/x/y"), ENOTDIR);
     EXPECT_EQ(ScratchRoot::readFile(s.base() + "/file"), "keep");
 }
-
-TEST(KTFileTreeTest, EntriesStartingWithNamesOnlyTheMatches) {
-    ScratchRoot s;
-    for (const char* name : {".ambrel-work.1.2.copy", "Glow.fxplug", ".ambrel-workx", ".DS_Store"})
-        ScratchRoot::writeFile(s.base() + "/f/" + name, "x");
-    EXPECT_EQ(KTFileTree::entriesStartingWith(s.base() + "/f", ".ambrel-work."),
-              std::vector<std::string>{".ambrel-work.1.2.copy"});
-    EXPECT_TRUE(KTFileTree::entriesStartingWith(s.base() + "/missing", ".").empty());
-}
